@@ -1,0 +1,54 @@
+// The session directory of a migration and the name of every file in it.
+// Names are plain concatenations of the path as given and a fixed suffix.
+#ifndef FERROW_COMMONS_SESSION_FILES_H_
+#define FERROW_COMMONS_SESSION_FILES_H_
+
+#include <string>
+
+namespace tovel {
+
+class SessionFiles {
+ public:
+  // Creates the directory (owner 0, group = the uid of "dyradm", mode 0750)
+  // and its "archives" subdirectory when missing; an existing directory is
+  // kept as it is. Throws Exc<&UnableToCreateSession> when path is not a
+  // directory afterwards.
+  explicit SessionFiles(const std::string& path);
+
+  std::string getDir() const;
+  std::string getStatusFileName() const;            // D/migration.status
+  std::string getDeploymentStatusFileName() const;  // D/agent-deployment.status
+  std::string getScoutResultFileName() const;       // D/scout-result.xml
+  std::string getDumpFileName() const;              // D/dump.xml
+  std::string getLogFileName() const;               // D/migration.log
+  std::string getResultFileName() const;            // D/migration.result
+  std::string getDumpingStatusFileName() const;     // D/dumping-status.xml
+  std::string getCidFilesDir() const;               // D itself
+  std::string getCidFile(const std::string& name) const;  // D/name
+  std::string getTovelDumpFileName() const;         // D/restore.xml
+
+  // Deletes the directory and everything under it. Throws
+  // boost::filesystem::filesystem_error.
+  void remove();
+
+ private:
+  std::string path_;
+};
+
+// The session of this run; null outside the controller's lifetime.
+extern SessionFiles* theSession;
+
+// Owns theSession for its lifetime.
+class SessionLifetimeController {
+ public:
+  // Throws what SessionFiles throws; theSession then stays null.
+  explicit SessionLifetimeController(const std::string& path);
+  ~SessionLifetimeController();
+  SessionLifetimeController(const SessionLifetimeController&) = delete;
+  SessionLifetimeController& operator=(const SessionLifetimeController&) =
+      delete;
+};
+
+}  // namespace tovel
+
+#endif  // FERROW_COMMONS_SESSION_FILES_H_
