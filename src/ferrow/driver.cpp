@@ -1,0 +1,134 @@
+#include "ferrow/driver.h"
+
+#include <cstdlib>
+#include <ctime>
+#include <iostream>
+
+#include "actions/remove_dumping_status_action.h"
+#include "commons/dyr_conf.h"
+#include "commons/session_files.h"
+#include "errors/tags.h"
+#include "ferrow/options.h"
+#include "log/debug_log.h"
+#include "log/run_log.h"
+#include "log/start_stop_logger.h"
+
+namespace tovel {
+namespace {
+
+template <ExcTag Tag>
+bool isA(const ExTraceable& e) {
+  return dynamic_cast<const Exc<Tag>*>(&e) != nullptr;
+}
+
+struct ExitCodeRow {
+  bool (*matches)(const ExTraceable&);
+  int code;
+};
+
+// Tested in this order; the first match gives the code.
+const ExitCodeRow kExitCodes[] = {
+    {isA<&ConnectionRefused>, 11},  {isA<&ConnectionTimedOut>, 12},
+    {isA<&NetworkUnreachable>, 13}, {isA<&HostUnreachable>, 14},
+    {isA<&ConnectionFault>, 15},    {isA<&HostNotFound>, 16},
+    {isA<&SshInvalidCredentials>, 17}, {isA<&SshConnectionFault>, 18},
+};
+
+int runAction(config& cfg) {
+  readStandardInputList(cfg, std::cin);
+  std::unique_ptr<Action> action = getActionById(cfg);
+  action->execute();
+  theLog->setSuccess(true);
+  return 0;
+}
+
+int runSession(int argc, char** argv, config& cfg) {
+  SessionLifetimeController session(cfg.sessionPath);
+  DebugLogLifetimeController debugLog(false, cfg.verbose != 0);
+  StartStopLogger startStop("Ferrow", argc, argv);
+  try {
+    verify_options(&cfg);
+  } catch (const Exc<&::OptParsingError>& e) {
+    theDebugLog->log(e);
+    startStop.setExitCode(1);
+    return 1;
+  }
+  int code = do_actions(cfg);
+  startStop.setExitCode(code);
+  return code;
+}
+
+}  // namespace
+
+void readStandardInputList(config& cfg, std::istream& in) {
+  for (std::string* list : {&cfg.resellers, &cfg.clients, &cfg.domains}) {
+    if (*list != "-") continue;
+    std::getline(in, *list);
+    return;
+  }
+}
+
+int exitCodeFor(const ExTraceable& e) {
+  for (const ExitCodeRow& row : kExitCodes) {
+    if (row.matches(e)) return row.code;
+  }
+  return 2;
+}
+
+int do_actions(config& cfg) {
+  LogLifetimeController runRecord(getLogName(cfg));
+  try {
+    return runAction(cfg);
+  } catch (const MigrationTerminatedException& e) {
+    theLog->setSuccess(true);
+    theDebugLog->log(std::string(e.what()));
+    std::cout << e.what() << std::flush;
+    return 0;
+  } catch (const ExTraceable& e) {
+    theDebugLog->log(e);
+    theLog->log(e);
+    std::cerr << e.what() << std::flush;
+    return exitCodeFor(e);
+  }
+}
+
+int real_main(int argc, char** argv) {
+  autoprepend();
+  std::srand(static_cast<unsigned>(std::time(nullptr)));
+  config cfg;
+  if (!parse_options(argc, argv, &cfg)) return 1;
+  if (cfg.action == kHelp) {
+    usage();
+    return 0;
+  }
+  if (cfg.action == kNoAction) {
+    std::cerr << "Action required. See --help\n";
+    return 1;
+  }
+  if (cfg.sessionPath.empty()) {
+    std::cerr << "--session-path is required.\n";
+    return 1;
+  }
+  return runSession(argc, argv, cfg);
+}
+
+Action* getActionByIdInternal(const config& cfg) {
+  switch (cfg.action) {
+    case kRemoveDumpingStatus:
+      return new RemoveDumpingStatusAction();
+    default:
+      TOVEL_THROW(UnknownAction);
+  }
+}
+
+std::unique_ptr<Action> getActionById(const config& cfg) {
+  std::unique_ptr<Action> action(getActionByIdInternal(cfg));
+  action->setConfig(&cfg);
+  return action;
+}
+
+std::string getLogName(const config& cfg) {
+  return cfg.action == kGetContent ? "transfer.result" : "";
+}
+
+}  // namespace tovel

@@ -1,0 +1,49 @@
+// The program's spine: parses and checks the command line, brings up the
+// session, the debug log and the run record in a fixed order, runs the one
+// action and turns its outcome into the exit code.
+//
+// Exit codes: 0 success, "--help", or a terminated migration; 1 a refused
+// command line; 2 any other failure of the action; 11 connection refused,
+// 12 connection timed out, 13 network unreachable, 14 host unreachable,
+// 15 other connection failure, 16 host name not found, 17 wrong login or
+// password, 18 connection lost.
+#ifndef FERROW_FERROW_DRIVER_H_
+#define FERROW_FERROW_DRIVER_H_
+
+#include <istream>
+#include <memory>
+#include <string>
+
+#include "actions/action.h"
+#include "commons/config.h"
+#include "errors/ex_traceable.h"
+
+namespace tovel {
+
+// The whole run; returns the exit code. Throws only what escapes the
+// controllers (main catches it).
+int real_main(int argc, char** argv);
+
+// Runs the action of cfg under the run record; returns its exit code.
+// Exceptions outside the ExTraceable family pass through.
+int do_actions(config& cfg);
+
+// The exit code of a failure of the family: 11 to 18 for the connection
+// failures listed above, 2 for the rest.
+int exitCodeFor(const ExTraceable& e);
+
+// Replaces the first of cfg's resellers, clients and domains (in this
+// order) whose value is "-" by one line read from in; a later "-" is kept.
+void readStandardInputList(config& cfg, std::istream& in);
+
+// The action for cfg.action, configured with cfg (which must outlive it).
+// Throws Exc<&UnknownAction> for an id without an action.
+std::unique_ptr<Action> getActionById(const config& cfg);
+Action* getActionByIdInternal(const config& cfg);
+
+// "transfer.result" for "--get-content", else "" (the default record name).
+std::string getLogName(const config& cfg);
+
+}  // namespace tovel
+
+#endif  // FERROW_FERROW_DRIVER_H_
