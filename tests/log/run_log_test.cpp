@@ -1,0 +1,187 @@
+#include "log/run_log.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "commons/session_files.h"
+#include "errors/tags.h"
+#include "log/debug_log.h"
+#include "log/start_stop_logger.h"
+#include "support/ferrow_runner.h"
+
+namespace tovel {
+namespace {
+
+using ::testing::HasSubstr;
+using ferrow_test::fileExists;
+using ferrow_test::readFile;
+
+class RecordingDebugLog : public DebugLog {
+ public:
+  std::vector<std::string> lines;
+  void log(const std::string& text) override { lines.push_back(text); }
+  void log(const boost::format& text) override { lines.push_back(text.str()); }
+  void log(const ExTraceable& e) override { lines.push_back(e.what()); }
+  bool isVerboseMode() const override { return false; }
+  bool isDebugMode() const override { return false; }
+};
+
+class RunLogTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ferrow_test::ensurePanelAccount();
+    session_.reset(new SessionFiles(dir_.path() + "/s"));
+    theSession = session_.get();
+    theDebugLog = &debugLog_;
+  }
+  void TearDown() override {
+    theSession = nullptr;
+    theDebugLog = nullptr;
+  }
+  std::string record() const { return readFile(dir_.path() + "/s/migration.result"); }
+
+  ferrow_test::TempDir dir_;
+  std::unique_ptr<SessionFiles> session_;
+  RecordingDebugLog debugLog_;
+};
+
+Exc<&SshConnectionFault> connectionFault() {
+  return Exc<&SshConnectionFault>("f", "./f.cpp", 1);
+}
+
+TEST_F(RunLogTest, WithoutSuccessTheStatusIsError) {
+  { XmlLog log(""); }
+  EXPECT_THAT(record(), HasSubstr("<execution-result status=\"error\"/>"));
+  {
+    XmlLog log("");
+    log.setSuccess(true);
+  }
+  EXPECT_THAT(record(), HasSubstr("<execution-result status=\"success\"/>"));
+}
+
+TEST_F(RunLogTest, NamedRecordGoesIntoTheSessionDirectory) {
+  { XmlLog log("transfer.result"); }
+  EXPECT_TRUE(fileExists(dir_.path() + "/s/transfer.result"));
+  EXPECT_FALSE(fileExists(dir_.path() + "/s/migration.result"));
+}
+
+TEST_F(RunLogTest, ObjectsWithoutErrorsLeaveNoTrace) {
+  XmlLog log("");
+  log.pushObject("a", "client");
+  log.pushObject("b", "domain");
+  EXPECT_EQ(2, log.getDepth());
+  log.popObject();
+  log.popObject();
+  EXPECT_EQ(0, log.getDepth());
+  EXPECT_THROW(log.popObject(), Exc<&NoParentNode>);
+}
+
+TEST_F(RunLogTest, AnErrorKeepsEveryEnclosingObject) {
+  {
+    XmlLog log("");
+    log.pushObject("c1", "client");
+    log.pushObject("d1", "domain");
+    log.log(connectionFault());
+    log.popObject();
+    log.pushObject("d2", "domain");
+    log.popObject();
+    log.popObject();
+    log.pushObject("c2", "client");
+    log.popObject();
+  }
+  std::string text = record();
+  EXPECT_THAT(text, HasSubstr("<object name=\"c1\" type=\"client\">"
+                              "<object name=\"d1\" type=\"domain\">"
+                              "<message code=\"SshConnectionFault\""));
+  EXPECT_THAT(text, HasSubstr("<description>Lost connection with the remote "
+                              "host</description></message></object></object>"
+                              "</execution-result>"));
+  EXPECT_EQ(std::string::npos, text.find("d2"));
+  EXPECT_EQ(std::string::npos, text.find("c2"));
+}
+
+TEST_F(RunLogTest, NestedCauseNestsMessages) {
+  {
+    XmlLog log("");
+    log.log(Exc<&CantRetrieveDump>(connectionFault(), "g", "./g.cpp", 2));
+  }
+  EXPECT_THAT(record(),
+              HasSubstr("<description>Error during dump retrieval</description>"
+                        "<message code=\"SshConnectionFault\""));
+}
+
+TEST_F(RunLogTest, EarlierRecordsGetTheFirstFreeNumber) {
+  for (int i = 0; i < 3; ++i) {
+    XmlLog log("");
+    log.setSuccess(i == 0);
+  }
+  EXPECT_THAT(readFile(dir_.path() + "/s/migration.result.1"),
+              HasSubstr("status=\"success\""));
+  EXPECT_THAT(readFile(dir_.path() + "/s/migration.result.2"),
+              HasSubstr("status=\"error\""));
+  ASSERT_EQ(0, unlink((dir_.path() + "/s/migration.result.1").c_str()));
+  { XmlLog log(""); }
+  EXPECT_TRUE(fileExists(dir_.path() + "/s/migration.result.1"));
+  EXPECT_FALSE(fileExists(dir_.path() + "/s/migration.result.3"));
+}
+
+TEST_F(RunLogTest, AnUnsavableRecordIsReportedNotThrown) {
+  {
+    XmlLog log("");
+    ASSERT_EQ(0, mkdir((dir_.path() + "/s/migration.result").c_str(), 0700));
+  }
+  ASSERT_FALSE(debugLog_.lines.empty());
+  EXPECT_THAT(debugLog_.lines.back(),
+              HasSubstr("Unable to save the run record"));
+}
+
+TEST_F(RunLogTest, LifetimeControllerOwnsTheGlobal) {
+  {
+    LogLifetimeController controller("");
+    ASSERT_NE(nullptr, theLog);
+    theLog->setSuccess(true);
+  }
+  EXPECT_EQ(nullptr, theLog);
+  EXPECT_THAT(record(), HasSubstr("status=\"success\""));
+}
+
+TEST_F(RunLogTest, StartAndFinishLines) {
+  char prog[] = "/usr/bin/ferrow";
+  char arg1[] = "--session-path";
+  char arg2[] = "/tmp/a b";
+  char* argv[] = {prog, arg1, arg2, nullptr};
+  {
+    StartStopLogger logger("Ferrow", 3, argv);
+    logger.setExitCode(17);
+  }
+  { StartStopLogger logger("Ferrow", 1, argv); }
+  ASSERT_EQ(4u, debugLog_.lines.size());
+  EXPECT_EQ("Ferrow started : /usr/bin/ferrow --session-path /tmp/a\\ b",
+            debugLog_.lines[0]);
+  EXPECT_EQ("Ferrow finished. Exit code: 17", debugLog_.lines[1]);
+  EXPECT_EQ("Ferrow finished.  (exit code is not reported)",
+            debugLog_.lines[3]);
+}
+
+TEST_F(RunLogTest, DaemonLineWhileRegistered) {
+  char prog[] = "ferrow";
+  char* argv[] = {prog, nullptr};
+  {
+    StartStopLogger logger("Ferrow", 1, argv);
+    ASSERT_EQ(1u, childDaemonHandlers.size());
+    childDaemonHandlers.front()();
+  }
+  EXPECT_TRUE(childDaemonHandlers.empty());
+  EXPECT_THAT(debugLog_.lines[1], ::testing::MatchesRegex(
+                                      "Ferrow [0-9]+ -> \\([0-9]+ daemon\\)"));
+}
+
+}  // namespace
+}  // namespace tovel
