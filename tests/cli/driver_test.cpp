@@ -322,7 +322,7 @@ TEST_F(DriverTest, ConfigurationComplaintsReachTheDebugLog) {
                         install_.productRoot() + "\n");
   ASSERT_EQ(0, removeDumpingStatus().exitCode);
   std::string log = debugLog();
-  EXPECT_THAT(log, HasSubstr("Invalid variable definition =1"));
+  EXPECT_THAT(log, HasSubstr("Invalid variable definition BROKEN=1"));
   EXPECT_THAT(log, HasSubstr("Expected a space after variable name"));
   EXPECT_THAT(log, HasSubstr("Expected a value"));
 }
