@@ -13,14 +13,17 @@ class ArgList {
   ArgList() = default;
   ArgList(const ArgList& other);
   ArgList& operator=(const ArgList& other);
+  // A moved-from list is empty.
   ArgList(ArgList&& other) noexcept = default;
-  ArgList& operator=(ArgList&& other) noexcept = default;
+  // Frees this list's own strings before taking over other's (a defaulted
+  // move would leak them).
+  ArgList& operator=(ArgList&& other) noexcept;
   ~ArgList();
 
-  // Appends one argument (a copy of it).
+  // Appends one argument (a copy of it). Throws std::bad_alloc.
   ArgList& operator<<(const std::string& argument);
 
-  size_t size() const { return args_.size() ; }
+  size_t size() const { return args_.size(); }
   std::string operator[](size_t i) const { return args_[i]; }
 
   // A null-terminated array for execv/execvp, valid while this list lives

@@ -17,15 +17,16 @@ namespace tovel {
 typedef std::map<std::string, std::string> EnvMap;
 
 // Runs program (looked up by execvp) with args (argument 0 included),
-// writing input to its standard input and collecting its standard output and
-// error, all three served together without blocking. A non-empty user whose
-// uid is not 0 is switched to in the child; env entries are set in the
-// child. Returns the exit status (0..255), or -1 when the child was killed
-// by a signal or could not be waited for. Throws SystemError when select()
-// or fork() fails.
+// writing input to its standard input and appending its standard output and
+// error to output and errors, all three served together without blocking. A
+// non-empty user whose uid is not 0 is switched to in the child; env entries
+// are set in the child. Returns the exit status (0..255), or -1 when the child was killed
+// by a signal or could not be waited for, or when the pipes could not be
+// made (logged to the host log; nothing is run). Input the child does not
+// read is dropped. Throws SystemError when select() or fork() fails; the
+// child is then killed and reaped.
 int forkExecvGetInOutErrSuidEnv(std::string input, std::string& output,
-                                std::string& errors,
-                                const std::string& program,
+                                std::string& errors, const std::string& program,
                                 const ArgList& args, const std::string& user,
                                 const EnvMap& env);
 int forkExecvGetOutErrSuidEnv(std::string& output, std::string& errors,
@@ -42,6 +43,10 @@ int forkExecvGetOut(std::string& output, const std::string& program,
 // Forks; the child puts in, out and err on 0, 1 and 2, closes every other
 // descriptor, switches user, sets env and execs. Returns the child's pid in
 // the parent. Throws SystemError when fork() fails.
+// The child never comes back into the caller's code: when a step fails
+// (an unknown user included) or execvp returns, it writes the error to the
+// host log and ends with _exit(127), as a shell does for a command it cannot
+// run. Returning there would run the caller's code twice.
 pid_t forkExecvPipes(int in, int out, int err, const std::string& program,
                      const ArgList& args, const std::string& user,
                      const EnvMap& env);
