@@ -20,10 +20,10 @@ typedef std::map<std::string, std::string> EnvMap;
 // writing input to its standard input and appending its standard output and
 // error to output and errors, all three served together without blocking. A
 // non-empty user whose uid is not 0 is switched to in the child; env entries
-// are set in the child. Returns the exit status (0..255), or -1 when the child was killed
-// by a signal or could not be waited for, or when the pipes could not be
-// made (logged to the host log; nothing is run). Input the child does not
-// read is dropped. Throws SystemError when select() or fork() fails; the
+// are set in the child. Returns the exit status (0..255), or -1 when the child
+// was killed by a signal or could not be waited for, or when the pipes could
+// not be made (logged to the host log; nothing is run). Input the child does
+// not read is dropped. Throws SystemError when select() or fork() fails; the
 // child is then killed and reaped.
 int forkExecvGetInOutErrSuidEnv(std::string input, std::string& output,
                                 std::string& errors, const std::string& program,
