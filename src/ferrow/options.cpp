@@ -122,8 +122,14 @@ struct EnvPassword {
 } theEnvPassword;
 
 // A second action option does not replace the first: the run is refused.
+// Help is the exception: asked for anywhere on the line, it wins, so that
+// "--help" always answers with the usage text.
 void setAction(int id, config* cfg) {
-  cfg->action = cfg->action == kNoAction ? id : kManyActions;
+  if (id == kHelp || cfg->action == kHelp) {
+    cfg->action = kHelp;
+  } else {
+    cfg->action = cfg->action == kNoAction ? id : kManyActions;
+  }
 }
 
 // 0 also stands for a value that is not a number at all.

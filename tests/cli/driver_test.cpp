@@ -184,9 +184,9 @@ TEST_F(DriverTest, SuccessfulRunLeavesStatusRecordAndLogLines) {
   EXPECT_EQ(0, r.exitCode) << r.err;
   EXPECT_EQ("", r.out);
   EXPECT_EQ("", r.err);
-  EXPECT_THAT(readFile(session() + "/migration.status"),
+  EXPECT_THAT(compactXml(readFile(session() + "/migration.status")),
               HasSubstr("<migration-status><idle/></migration-status>"));
-  EXPECT_THAT(readFile(session() + "/migration.result"),
+  EXPECT_THAT(compactXml(readFile(session() + "/migration.result")),
               HasSubstr("<execution-result status=\"success\"/>"));
   std::string log = debugLog();
   EXPECT_THAT(log, HasSubstr("Ferrow started : " + std::string(FERROW_BINARY) +
@@ -224,7 +224,7 @@ TEST_F(DriverTest, FailingActionGivesExit2ErrorRecordAndStandardError) {
   EXPECT_THAT(r.err, StartsWith("Cannot rename " + session() +
                                 "/migration.status"));
   EXPECT_THAT(r.err, Not(HasSubstr("\n")));
-  std::string record = readFile(session() + "/migration.result");
+  std::string record = compactXml(readFile(session() + "/migration.result"));
   EXPECT_THAT(record, HasSubstr("<execution-result status=\"error\">"));
   EXPECT_THAT(record, MatchesRegex(
                           "(.|\n)*<message code=\"CantRenameFile\" "

@@ -109,7 +109,9 @@ TEST_F(OptionsTest, EachActionOptionStoresItsId) {
 
 TEST_F(OptionsTest, MoreThanOneActionIsMarked) {
   EXPECT_EQ(kManyActions, parse({"--dump-all", "--dump-selected"}).action);
-  EXPECT_EQ(kManyActions, parse({"--send-scout", "-h", "--help"}).action);
+  EXPECT_EQ(kHelp, parse({"--send-scout", "-h", "--help"}).action);
+  EXPECT_EQ(kHelp, parse({"--help", "--send-scout"}).action);
+  EXPECT_EQ(kHelp, parse({"--dump-all", "--dump-selected", "-h"}).action);
   EXPECT_EQ(kManyActions, parse({"--get-content", "--get-content"}).action);
 }
 

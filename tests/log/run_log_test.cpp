@@ -45,7 +45,9 @@ class RunLogTest : public ::testing::Test {
     theSession = nullptr;
     theDebugLog = nullptr;
   }
-  std::string record() const { return readFile(dir_.path() + "/s/migration.result"); }
+  std::string record() const {
+    return ferrow_test::compactXml(readFile(dir_.path() + "/s/migration.result"));
+  }
 
   ferrow_test::TempDir dir_;
   std::unique_ptr<SessionFiles> session_;

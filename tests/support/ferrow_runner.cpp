@@ -4,6 +4,7 @@
 #include <stdlib.h>
 
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <stdexcept>
 
@@ -60,6 +61,11 @@ std::string readFile(const std::string& name) {
 
 bool fileExists(const std::string& name) {
   return boost::filesystem::exists(name);
+}
+
+std::string compactXml(const std::string& text) {
+  static const std::regex indentation(">[ \t\n]+<");
+  return std::regex_replace(text, indentation, "><");
 }
 
 void ensurePanelAccount() {

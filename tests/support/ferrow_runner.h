@@ -34,6 +34,8 @@ class TempDir {
 void writeFile(const std::string& name, const std::string& content);
 std::string readFile(const std::string& name);
 bool fileExists(const std::string& name);
+// The XML text without the white space that indentation puts between tags.
+std::string compactXml(const std::string& text);
 
 // Creates the panel's account "dyradm" when the machine lacks it.
 void ensurePanelAccount();
