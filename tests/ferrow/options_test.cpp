@@ -250,12 +250,6 @@ TEST_F(OptionsTest, ScannerStartsAfreshOnEveryCall) {
   EXPECT_EQ("l", cfg.login);
 }
 
-TEST_F(OptionsTest, UniquePrefixesAndStrayArgumentsAreAccepted) {
-  config cfg = parse({"stray", "--send-sc", "--hos=h", "other"});
-  EXPECT_EQ(kSendScout, cfg.action);
-  EXPECT_EQ("h", cfg.host);
-}
-
 // --- get_env_noncrypted_password and the sudo helpers ----------------------
 
 TEST_F(OptionsTest, EnvPasswordIsReadOnlyOnce) {
@@ -284,15 +278,6 @@ TEST_F(OptionsTest, EnvPasswordIsCutAt4096Characters) {
   setenv("DYR_PASSWORD", longer.c_str(), 1);
   EXPECT_EQ(std::string(4096, 'b'), get_env_noncrypted_password());
   EXPECT_EQ(nullptr, std::getenv("DYR_PASSWORD"));
-}
-
-TEST_F(OptionsTest, SudoPasswordHelpers) {
-  EXPECT_FALSE(is_sudo_password_provided());
-  EXPECT_EQ("", get_sudo_password());
-  setenv("DYR_SUDO_PASSWORD", "", 1);
-  EXPECT_TRUE(is_sudo_password_provided());
-  setenv("DYR_SUDO_PASSWORD", "x y", 1);
-  EXPECT_EQ("x y", get_sudo_password());
 }
 
 // --- verify_options --------------------------------------------------------
@@ -500,50 +485,6 @@ TEST_F(OptionsTest, RaisersFormatTheirTexts) {
         "'--b' is requested",
         e.what());
   }
-}
-
-// --- usage -----------------------------------------------------------------
-
-std::string expectedUsage() {
-  const char* lines[] = {
-      "Usage: [DYR_PASSWORD=<password> | DYR_SUDO_PASSWORD = <sudo_password>] "
-      "ferrow ",
-      "          --host=<hostname or IP address> (obsolete alias is --ip)",
-      "          [--port=<port>] (defaults to 22)",
-      "          --login=<username>",
-      "          [--sudo-password]",
-      "          --agent-dir=<dir> (relative path on the remote side)",
-      "          ( --send-scout",
-      "          | --deploy-agent --session-path <dir> --agent-name <agent>",
-      "          | --get-dumping-status --session-path <dir>",
-      "          | ( --dump-selected [--selected-objects-file=<file-path>]",
-      "                [--resellers=-|<reseller1>[,<reseller2>...]] "
-      "[--clients=-|<client1>[,<client2>...]] "
-      "[--domains=-|<domain1>[,<domain2>...]]",
-      "             | --dump-all ) ",
-      "                [--server] [--admin-info] [--no-license]",
-      "                 --session-path <dir> --agent-name <agent>",
-      "                [--no-content] [--no-compress]",
-      "                [--only-mail]",
-      "                [--only-hosting]",
-      "          | --get-content --session-path <dir> --agent-name <agent>",
-      "                [--no-check-space] [--no-encryption (not implemented)] "
-      "[--dumps-dir=<dir-on-destination-host>]",
-      "          | --remove-agent --session-path <dir> --agent-name <agent>",
-      "          | --remove-dumping-status --session-path <dir>",
-      "          | --help | -h)",
-  };
-  std::string text;
-  for (const char* line : lines) text += std::string(line) + "\n";
-  return text;
-}
-
-TEST(UsageTest, TextIsExact) { EXPECT_EQ(expectedUsage(), usageText()); }
-
-TEST(UsageTest, WrittenToStandardOutput) {
-  ::testing::internal::CaptureStdout();
-  usage();
-  EXPECT_EQ(expectedUsage(), ::testing::internal::GetCapturedStdout());
 }
 
 }  // namespace
