@@ -25,7 +25,7 @@ class SessionFiles {
   std::string getDumpingStatusFileName() const;     // D/dumping-status.xml
   std::string getCidFilesDir() const;               // D itself
   std::string getCidFile(const std::string& name) const;  // D/name
-  std::string getTovelDumpFileName() const;         // D/restore.xml
+  std::string getTovelDumpFileName() const;               // D/restore.xml
 
   // Deletes the directory and everything under it. Throws
   // boost::filesystem::filesystem_error.

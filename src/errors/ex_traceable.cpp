@@ -17,7 +17,8 @@ const char* ExTraceable::what() const noexcept {
     what_ = format_.str();
   } catch (const std::exception& e) {
     try {
-      what_ = rawFormat_ + " [message arguments do not match: " + e.what() + "]";
+      what_ =
+          rawFormat_ + " [message arguments do not match: " + e.what() + "]";
     } catch (...) {
       return rawFormat_.c_str();
     }

@@ -4,11 +4,10 @@
 #ifndef FERROW_ERRORS_EX_TRACEABLE_H_
 #define FERROW_ERRORS_EX_TRACEABLE_H_
 
+#include <boost/format.hpp>
 #include <memory>
 #include <stdexcept>
 #include <string>
-
-#include <boost/format.hpp>
 
 namespace tovel {
 

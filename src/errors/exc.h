@@ -73,11 +73,11 @@ class Exc : public ExTaggedIncludable {
 
 // Specialises the traits of an existing tag (any scope); use at namespace
 // scope outside tovel or inside it.
-#define TOVEL_EXC_TRAITS(TAG_ADDRESS, CODE, FORMAT)    \
-  template <>                                         \
-  struct tovel::ExcTraits<TAG_ADDRESS> {              \
-    static const char* code() { return CODE; }        \
-    static const char* format() { return FORMAT; }    \
+#define TOVEL_EXC_TRAITS(TAG_ADDRESS, CODE, FORMAT) \
+  template <>                                       \
+  struct tovel::ExcTraits<TAG_ADDRESS> {            \
+    static const char* code() { return CODE; }      \
+    static const char* format() { return FORMAT; }  \
   }
 
 // Declares a tag function in the current namespace. Follow it, at global

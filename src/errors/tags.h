@@ -73,7 +73,8 @@ TOVEL_DECLARE_TAG(NoSharedAgentsDirectory)
 TOVEL_DECLARE_TAG(NoAgentDirectory)
 
 TOVEL_EXC_TRAITS(&tovel::SshInvalidCredentials, "SshInvalidCredentials",
-                 "Unable to connect to host %1%: you have specified incorrect username or password");
+                 "Unable to connect to host %1%: you have specified incorrect "
+                 "username or password");
 TOVEL_EXC_TRAITS(&tovel::ConnectionRefused, "ConnectionRefused",
                  "No one listening on the remote address at host %1%");
 TOVEL_EXC_TRAITS(&tovel::ConnectionTimedOut, "ConnectionTimedOut",
@@ -100,8 +101,10 @@ TOVEL_EXC_TRAITS(&tovel::UnableToSendEof, "UnableToSendEof",
                  "Unable to send EOF to SSH channel: %1%");
 TOVEL_EXC_TRAITS(&tovel::InvalidHandle, "InvalidHandle",
                  "Invalid handle passed");
-TOVEL_EXC_TRAITS(&tovel::SudoNotFound, "SudoNotFound",
-                 "sudo command not found on the host %1%. You should install sudo to this host or supply root password for the migration.");
+TOVEL_EXC_TRAITS(
+    &tovel::SudoNotFound, "SudoNotFound",
+    "sudo command not found on the host %1%. You should install sudo to this "
+    "host or supply root password for the migration.");
 TOVEL_EXC_TRAITS(&tovel::SudoNotAllowed, "SudoNotAllowed",
                  "sudo is not allowed for user %1% on host %2%.");
 TOVEL_EXC_TRAITS(&tovel::CantTakeFileOwnership, "CantTakeFileOwnership",
@@ -109,17 +112,19 @@ TOVEL_EXC_TRAITS(&tovel::CantTakeFileOwnership, "CantTakeFileOwnership",
 TOVEL_EXC_TRAITS(&tovel::UnableToOpenScoutFile, "UnableToOpenScoutFile",
                  "Unable to open %1% for transferring to the remote host");
 TOVEL_EXC_TRAITS(&tovel::FailedToExecuteScout, "FailedToExecuteScout",
-                 "Failed to execute scout. \nThe return code is %1%\nThe output on STDERR is\n%2%");
+                 "Failed to execute scout. \nThe return code is %1%\nThe "
+                 "output on STDERR is\n%2%");
 TOVEL_EXC_TRAITS(&tovel::CantCreateAgentDirectory, "CantCreateAgentDirectory",
                  "Can't create agent directory %1% on the remote host: %2%");
-TOVEL_EXC_TRAITS(&tovel::CantRequestAgentStatus, "CantRequestAgentStatus",
-                 "Cannot request remote agent status using command line %1%: %2%");
+TOVEL_EXC_TRAITS(
+    &tovel::CantRequestAgentStatus, "CantRequestAgentStatus",
+    "Cannot request remote agent status using command line %1%: %2%");
 TOVEL_EXC_TRAITS(&tovel::DumpStatusError, "DumpStatusError",
                  "Error during getting dumping status");
 TOVEL_EXC_TRAITS(&tovel::CantRetrieveDumpFile, "CantRetrieveDumpFile",
-                 "Error during dump file retrieving. \nRemote agent failed with the following stderr messages: %1%");
-TOVEL_EXC_TRAITS(&tovel::FileWrite, "FileWrite",
-                 "Error during %1% write: %2%");
+                 "Error during dump file retrieving. \nRemote agent failed "
+                 "with the following stderr messages: %1%");
+TOVEL_EXC_TRAITS(&tovel::FileWrite, "FileWrite", "Error during %1% write: %2%");
 TOVEL_EXC_TRAITS(&tovel::CantRetrieveDump, "CantRetrieveDump",
                  "Error during dump retrieval");
 TOVEL_EXC_TRAITS(&tovel::CantRetrieveContentList, "CantRetrieveContentList",
@@ -129,11 +134,14 @@ TOVEL_EXC_TRAITS(&tovel::CantRetrieveContentFile, "CantRetrieveContentFile",
 TOVEL_EXC_TRAITS(&tovel::UnableToRemoveRemoteFile, "UnableToRemoveRemoteFile",
                  "Unable to remove remote file '%1%' from '%2%': %3%");
 TOVEL_EXC_TRAITS(&tovel::NotEnoughSpace, "NotEnoughSpace",
-                 "Selected filesystem has only %1% free space, but %2% is needed for operation");
+                 "Selected filesystem has only %1% free space, but %2% is "
+                 "needed for operation");
 TOVEL_EXC_TRAITS(&tovel::WrongMd5Sum, "WrongMd5Sum",
-                 "Problem during content retrieval: downloaded %1% has MD5 sum %2%, but it has to be %3%. Restarting download.");
-TOVEL_EXC_TRAITS(&tovel::AgentNotFound, "AgentNotFound",
-                 "Agent %1% was not found or does not contain proper spec file");
+                 "Problem during content retrieval: downloaded %1% has MD5 sum "
+                 "%2%, but it has to be %3%. Restarting download.");
+TOVEL_EXC_TRAITS(
+    &tovel::AgentNotFound, "AgentNotFound",
+    "Agent %1% was not found or does not contain proper spec file");
 TOVEL_EXC_TRAITS(&tovel::ParseFailed, "Agent::ParseFailed",
                  "Unable to parse spec file: %1%");
 TOVEL_EXC_TRAITS(&tovel::UnableToCreateSession, "UnableToCreateSession",
@@ -152,38 +160,49 @@ TOVEL_EXC_TRAITS(&tovel::NoSuchAttribute, "NoSuchAttribute",
                  "Node %1% does not have attribute %2%");
 TOVEL_EXC_TRAITS(&tovel::AssertionFailed, "AssertionFailed",
                  "Assertion failed: %1%");
-TOVEL_EXC_TRAITS(&tovel::tError_XmlInternal, "tError_XmlInternal",
-                 "%1%");
+TOVEL_EXC_TRAITS(&tovel::tError_XmlInternal, "tError_XmlInternal", "%1%");
 TOVEL_EXC_TRAITS(&tovel::tError_ParseFile, "tError_ParseFile",
-                 "The XML file %1% was not parsed successfully with the following errors:\n%2%");
+                 "The XML file %1% was not parsed successfully with the "
+                 "following errors:\n%2%");
 TOVEL_EXC_TRAITS(&tovel::tError_SaveFile, "tError_SaveFile",
                  "Can not save the XML document to file '%1%'");
 TOVEL_EXC_TRAITS(&tovel::tError_WrongInputFile, "tError_WrongInputFile",
-                 "The XML file does not exist or is not a regular file. Check the file '%1%'");
+                 "The XML file does not exist or is not a regular file. Check "
+                 "the file '%1%'");
 TOVEL_EXC_TRAITS(&tovel::tError_EmptyDoc, "tError_EmptyDoc",
                  "The document is empty. Can not find root element <%1%>");
 TOVEL_EXC_TRAITS(&tovel::tError_WrongDoc, "tError_WrongDoc",
-                 "The document has the wrong type, root node is <%2%>, but <%1%> was expected");
-TOVEL_EXC_TRAITS(&tovel::tError_WrongContent, "tError_WrongContent",
-                 "%1%");
+                 "The document has the wrong type, root node is <%2%>, but "
+                 "<%1%> was expected");
+TOVEL_EXC_TRAITS(&tovel::tError_WrongContent, "tError_WrongContent", "%1%");
 TOVEL_EXC_TRAITS(&tovel::tError_XPath_CantEvaluate, "tError_XPath_CantEvaluate",
-                 "The XML document is invalid for XPath exception.\nCan not evaluate result of expression '%1%'");
-TOVEL_EXC_TRAITS(&tovel::tError_XPath_TypesMismatch, "tError_XPath_TypesMismatch",
+                 "The XML document is invalid for XPath exception.\nCan not "
+                 "evaluate result of expression '%1%'");
+TOVEL_EXC_TRAITS(&tovel::tError_XPath_TypesMismatch,
+                 "tError_XPath_TypesMismatch",
                  "The result of expression '%1%' is not a '%2%' type");
-TOVEL_EXC_TRAITS(&tovel::tError_XslParse_CanNotParseFile, "tError_XslParse_CanNotParseFile",
+TOVEL_EXC_TRAITS(&tovel::tError_XslParse_CanNotParseFile,
+                 "tError_XslParse_CanNotParseFile",
                  "Can not parse XSLT file '%1%'");
-TOVEL_EXC_TRAITS(&tovel::tError_Xslt_CantApplyStylesheet, "tError_Xslt_CantApplyStylesheet",
-                 "Can not apply stylesheet");
-TOVEL_EXC_TRAITS(&tovel::tError_Xslt_ApplyStylesheetTerminated, "tError_Xslt_ApplyStylesheetTerminated",
-                 "The translation of XML document was terminated by XSLT stylesheet. Check for the error reason and try again.");
+TOVEL_EXC_TRAITS(&tovel::tError_Xslt_CantApplyStylesheet,
+                 "tError_Xslt_CantApplyStylesheet", "Can not apply stylesheet");
+TOVEL_EXC_TRAITS(&tovel::tError_Xslt_ApplyStylesheetTerminated,
+                 "tError_Xslt_ApplyStylesheetTerminated",
+                 "The translation of XML document was terminated by XSLT "
+                 "stylesheet. Check for the error reason and try again.");
 TOVEL_EXC_TRAITS(&tovel::InvalidDtdFile, "InvalidDtdFile",
                  "The DTD file %1% is invalid");
-TOVEL_EXC_TRAITS(&tovel::InternalDtdValidationFailed, "InternalDtdValidationFailed",
-                 "Failed validation of the document with its internal DTD. The errors are: %1%");
-TOVEL_EXC_TRAITS(&tovel::ExternalDtdValidationFailed, "ExternalDtdValidationFailed",
-                 "Failed validation of the document with external DTD %1%. The errors are: %2%.");
+TOVEL_EXC_TRAITS(&tovel::InternalDtdValidationFailed,
+                 "InternalDtdValidationFailed",
+                 "Failed validation of the document with its internal DTD. The "
+                 "errors are: %1%");
+TOVEL_EXC_TRAITS(&tovel::ExternalDtdValidationFailed,
+                 "ExternalDtdValidationFailed",
+                 "Failed validation of the document with external DTD %1%. The "
+                 "errors are: %2%.");
 TOVEL_EXC_TRAITS(&tovel::UnknownAction, "UnknownAction",
-                 "Unknown action passed to the function. Probably bug in the options parser");
+                 "Unknown action passed to the function. Probably bug in the "
+                 "options parser");
 TOVEL_EXC_TRAITS(&::OptParsingError, "OptParsingError",
                  "Unable to parse command line: %1%");
 TOVEL_EXC_TRAITS(&::NoSharedAgentsDirectory, "NoSharedAgentsDirectory",

@@ -28,9 +28,9 @@ struct ExitCodeRow {
 
 // Tested in this order; the first match gives the code.
 const ExitCodeRow kExitCodes[] = {
-    {isA<&ConnectionRefused>, 11},  {isA<&ConnectionTimedOut>, 12},
-    {isA<&NetworkUnreachable>, 13}, {isA<&HostUnreachable>, 14},
-    {isA<&ConnectionFault>, 15},    {isA<&HostNotFound>, 16},
+    {isA<&ConnectionRefused>, 11},     {isA<&ConnectionTimedOut>, 12},
+    {isA<&NetworkUnreachable>, 13},    {isA<&HostUnreachable>, 14},
+    {isA<&ConnectionFault>, 15},       {isA<&HostNotFound>, 16},
     {isA<&SshInvalidCredentials>, 17}, {isA<&SshConnectionFault>, 18},
 };
 

@@ -2,7 +2,6 @@
 
 #include <exception>
 #include <iostream>
-
 #include <log4cpp/Category.hh>
 
 #include "errors/ex_traceable.h"

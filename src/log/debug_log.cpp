@@ -2,13 +2,12 @@
 
 #include <cstdio>
 #include <fstream>
-#include <map>
-#include <memory>
-#include <sstream>
-
 #include <log4cpp/Category.hh>
 #include <log4cpp/Configurator.hh>
 #include <log4cpp/PropertyConfigurator.hh>
+#include <map>
+#include <memory>
+#include <sstream>
 
 #include "commons/host_log.h"
 #include "commons/product_paths.h"
@@ -57,8 +56,8 @@ struct FileCloser {
 // temporary one through /proc, so nothing is left behind.
 void configureFromText(const std::string& text) {
   std::unique_ptr<FILE, FileCloser> file(std::tmpfile());
-  if (!file || std::fwrite(text.data(), 1, text.size(), file.get()) !=
-                   text.size() ||
+  if (!file ||
+      std::fwrite(text.data(), 1, text.size(), file.get()) != text.size() ||
       std::fflush(file.get()) != 0) {
     throw log4cpp::ConfigureFailure("Cannot prepare the logging properties");
   }

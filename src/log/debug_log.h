@@ -3,10 +3,9 @@
 #ifndef FERROW_LOG_DEBUG_LOG_H_
 #define FERROW_LOG_DEBUG_LOG_H_
 
+#include <boost/format.hpp>
 #include <memory>
 #include <string>
-
-#include <boost/format.hpp>
 
 #include "errors/ex_traceable.h"
 

@@ -2,11 +2,10 @@
 
 #include <sys/stat.h>
 
+#include <boost/format.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-
-#include <boost/format.hpp>
 
 #include "commons/host_log.h"
 #include "commons/session_files.h"

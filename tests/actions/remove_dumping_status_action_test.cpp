@@ -1,9 +1,9 @@
 #include "actions/remove_dumping_status_action.h"
 
-#include <memory>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <memory>
 
 #include "commons/session_files.h"
 #include "support/ferrow_runner.h"

@@ -1,14 +1,13 @@
 // The real binary, run the way the panel runs it, against a private product
 // installation (see support/ferrow_runner.h).
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/stat.h>
 
 #include <regex>
 #include <string>
 #include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "support/ferrow_runner.h"
 
@@ -66,9 +65,8 @@ class DriverTest : public ::testing::Test {
   }
   RunResult removeDumpingStatus(
       const std::map<std::string, std::string>& env = {}) const {
-    return install_.run({"--remove-dumping-status", "--session-path",
-                         session()},
-                        env);
+    return install_.run(
+        {"--remove-dumping-status", "--session-path", session()}, env);
   }
 
   FerrowInstallation install_;
@@ -77,7 +75,9 @@ class DriverTest : public ::testing::Test {
 TEST_F(DriverTest, HelpPrintsTheUsageTextAndWinsOverEverything) {
   for (const std::vector<std::string>& args :
        std::vector<std::vector<std::string>>{
-           {"--help"}, {"-h"}, {"--help", "--send-scout"},
+           {"--help"},
+           {"-h"},
+           {"--help", "--send-scout"},
            {"--dump-all", "--dump-selected", "--port=0", "-h"}}) {
     RunResult r = install_.run(args);
     EXPECT_EQ(0, r.exitCode) << args[0];
@@ -221,15 +221,14 @@ TEST_F(DriverTest, FailingActionGivesExit2ErrorRecordAndStandardError) {
   ASSERT_EQ(0, mkdir((session() + "/migration.status").c_str(), 0700));
   RunResult r = removeDumpingStatus();
   EXPECT_EQ(2, r.exitCode);
-  EXPECT_THAT(r.err, StartsWith("Cannot rename " + session() +
-                                "/migration.status"));
+  EXPECT_THAT(r.err,
+              StartsWith("Cannot rename " + session() + "/migration.status"));
   EXPECT_THAT(r.err, Not(HasSubstr("\n")));
   std::string record = compactXml(readFile(session() + "/migration.result"));
   EXPECT_THAT(record, HasSubstr("<execution-result status=\"error\">"));
-  EXPECT_THAT(record, MatchesRegex(
-                          "(.|\n)*<message code=\"CantRenameFile\" "
-                          "id=\"[0-9a-f-]{36}\" severity=\"error\">"
-                          "<description>Cannot rename (.|\n)*"));
+  EXPECT_THAT(record, MatchesRegex("(.|\n)*<message code=\"CantRenameFile\" "
+                                   "id=\"[0-9a-f-]{36}\" severity=\"error\">"
+                                   "<description>Cannot rename (.|\n)*"));
   std::string log = debugLog();
   EXPECT_THAT(log, HasSubstr("CantRenameFile["));
   EXPECT_THAT(log, HasSubstr("Ferrow finished. Exit code: 2"));
@@ -247,13 +246,12 @@ TEST_F(DriverTest, SourceHostActionsAreNotAvailableYet) {
 }
 
 TEST_F(DriverTest, UncaughtFailuresOfTheSetUpExitWith1) {
-  RunResult noParent = install_.run({"--remove-dumping-status",
-                                     "--session-path",
-                                     install_.root() + "/missing/session"});
+  RunResult noParent =
+      install_.run({"--remove-dumping-status", "--session-path",
+                    install_.root() + "/missing/session"});
   EXPECT_EQ(1, noParent.exitCode);
-  EXPECT_THAT(noParent.err,
-              StartsWith("Uncaught ExTraceableException: "
-                         "UnableToCreateSession["));
+  EXPECT_THAT(noParent.err, StartsWith("Uncaught ExTraceableException: "
+                                       "UnableToCreateSession["));
   EXPECT_THAT(noParent.err,
               HasSubstr("]: Unable to create session: Unable to create "
                         "session directory [./commons/session_files.cpp:"));
@@ -295,8 +293,8 @@ TEST_F(DriverTest, ConfigurationFileDecidesTheProductRoot) {
   };
   for (const ConfCase& c : cases) {
     FerrowInstallation install;
-    std::string line = std::regex_replace(c.line, std::regex("%ROOT%"),
-                                          install.productRoot());
+    std::string line =
+        std::regex_replace(c.line, std::regex("%ROOT%"), install.productRoot());
     install.writeDyrConf(line);
     RunResult r = install.run(
         {"--remove-dumping-status", "--session-path", install.sessionPath()});
@@ -313,8 +311,7 @@ TEST_F(DriverTest, WithoutConfigurationTheDefaultRootIsUsed) {
   unlink((install_.etcDyr() + "/dyr.conf").c_str());
   RunResult r = removeDumpingStatus();
   EXPECT_EQ(1, r.exitCode);
-  EXPECT_THAT(r.err,
-              HasSubstr("/usr/local/dyr/QVT/log4cpp.properties"));
+  EXPECT_THAT(r.err, HasSubstr("/usr/local/dyr/QVT/log4cpp.properties"));
 }
 
 TEST_F(DriverTest, ConfigurationComplaintsReachTheDebugLog) {

@@ -1,9 +1,9 @@
+#include <gtest/gtest.h>
+
 #include <cerrno>
 #include <cstring>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "errors/exc.h"
 #include "errors/system_error.h"
@@ -89,13 +89,18 @@ TEST(ExcTest, AcceptVisitsSevenSettersInOrderWithoutInner) {
   RecordingVisitor v;
   e.accept(v);
   std::vector<std::string> expected = {
-      "context", "file ./f", "line", "code SshConnectionFault", "id",
-      "severity 3", "message Lost connection with the remote host"};
+      "context",
+      "file ./f",
+      "line",
+      "code SshConnectionFault",
+      "id",
+      "severity 3",
+      "message Lost connection with the remote host"};
   EXPECT_EQ(expected, v.calls);
 }
 
 TEST(ExcTest, AcceptDescendsIntoTheWrappedCause) {
-  Exc<&SshConnectionFault> inner = raiseConnectionFault();
+  Exc<& SshConnectionFault> inner = raiseConnectionFault();
   Exc<&CantRetrieveDump> outer(inner, "ctx", "./f", 7);
   RecordingVisitor v;
   outer.accept(v);
@@ -163,7 +168,8 @@ TEST(TextFormatTest, NestedBlocksAreJoinedByInnerExceptionLine) {
   EXPECT_EQ("CantRetrieveDump[" + outer.id() +
                 "]: Error during dump retrieval [./b.cpp:2]\nvoid h()"
                 "\nInner exception:\n"
-                "SshConnectionFault[" + inner.id() +
+                "SshConnectionFault[" +
+                inner.id() +
                 "]: Lost connection with the remote host [./a.cpp:1]\nint g()",
             formatPlainTextMessage(outer));
 }

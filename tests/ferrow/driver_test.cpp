@@ -1,8 +1,8 @@
 #include "ferrow/driver.h"
 
-#include <sstream>
-
 #include <gtest/gtest.h>
+
+#include <sstream>
 
 #include "actions/remove_dumping_status_action.h"
 #include "errors/tags.h"

@@ -1,14 +1,13 @@
 #include "log/run_log.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "commons/session_files.h"
 #include "errors/tags.h"
@@ -19,9 +18,9 @@
 namespace tovel {
 namespace {
 
-using ::testing::HasSubstr;
 using ferrow_test::fileExists;
 using ferrow_test::readFile;
+using ::testing::HasSubstr;
 
 class RecordingDebugLog : public DebugLog {
  public:
@@ -46,7 +45,8 @@ class RunLogTest : public ::testing::Test {
     theDebugLog = nullptr;
   }
   std::string record() const {
-    return ferrow_test::compactXml(readFile(dir_.path() + "/s/migration.result"));
+    return ferrow_test::compactXml(
+        readFile(dir_.path() + "/s/migration.result"));
   }
 
   ferrow_test::TempDir dir_;
@@ -181,8 +181,8 @@ TEST_F(RunLogTest, DaemonLineWhileRegistered) {
     childDaemonHandlers.front()();
   }
   EXPECT_TRUE(childDaemonHandlers.empty());
-  EXPECT_THAT(debugLog_.lines[1], ::testing::MatchesRegex(
-                                      "Ferrow [0-9]+ -> \\([0-9]+ daemon\\)"));
+  EXPECT_THAT(debugLog_.lines[1],
+              ::testing::MatchesRegex("Ferrow [0-9]+ -> \\([0-9]+ daemon\\)"));
 }
 
 }  // namespace

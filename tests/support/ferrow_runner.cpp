@@ -3,12 +3,11 @@
 #include <pwd.h>
 #include <stdlib.h>
 
+#include <boost/filesystem.hpp>
 #include <fstream>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
-
-#include <boost/filesystem.hpp>
 
 #include "commons/arg_list.h"
 #include "commons/exec_cmd.h"
@@ -71,7 +70,10 @@ std::string compactXml(const std::string& text) {
 void ensurePanelAccount() {
   if (getpwnam("dyradm") != nullptr) return;
   tovel::ExecCmd add("useradd");
-  add << "--system" << "--no-create-home" << "--shell" << "/usr/sbin/nologin"
+  add << "--system"
+      << "--no-create-home"
+      << "--shell"
+      << "/usr/sbin/nologin"
       << "dyradm";
   add.exec();
 }
@@ -102,14 +104,19 @@ void FerrowInstallation::writeLogProperties(const std::string& text) const {
   writeFile(productRoot() + "/QVT/log4cpp.properties", text);
 }
 
-RunResult FerrowInstallation::run(
-    const std::vector<std::string>& args,
-    const std::map<std::string, std::string>& env,
-    const std::string& input) const {
+RunResult FerrowInstallation::run(const std::vector<std::string>& args,
+                                  const std::map<std::string, std::string>& env,
+                                  const std::string& input) const {
   tovel::ArgList argv;
-  argv << "unshare" << "-m" << "--propagation" << "private" << "sh" << "-c"
-       << kNamespaceScript << "sh" << etcDyr() << root() + "/overlay"
-       << "env" << "-i" << "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
+  argv << "unshare"
+       << "-m"
+       << "--propagation"
+       << "private"
+       << "sh"
+       << "-c" << kNamespaceScript << "sh" << etcDyr() << root() + "/overlay"
+       << "env"
+       << "-i"
+       << "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
   for (const auto& entry : env) argv << entry.first + "=" + entry.second;
   argv << FERROW_BINARY;
   for (const std::string& arg : args) argv << arg;
