@@ -1,59 +1,69 @@
-// Helpers shared by the commons tests.
+// Helpers shared by the commons and xml tests.
 #ifndef FERROW_TESTS_COMMONS_COMMONS_TEST_UTIL_H_
 #define FERROW_TESTS_COMMONS_COMMONS_TEST_UTIL_H_
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cstdio>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "commons/dyr_conf.h"
 #include "commons/host_log.h"
+#include "errors/exc.h"
 #include "support/ferrow_runner.h"
 
 namespace tovel {
 namespace testing_util {
 
+// Runs body, which must throw Exc<Tag>; returns its message ("" and a test
+// failure otherwise).
+template <ExcTag Tag>
+std::string messageOf(const std::function<void()>& body) {
+  try {
+    body();
+    ADD_FAILURE() << "nothing thrown, expected " << ExcTraits<Tag>::code();
+  } catch (const Exc<Tag>& e) {
+    return e.what();
+  } catch (const ExTraceable& e) {
+    ADD_FAILURE() << "expected " << ExcTraits<Tag>::code() << ", got "
+                  << e.code() << ": " << e.what();
+  }
+  return std::string();
+}
+
 // Collects the host log lines written while it lives.
 class HostLogCapture {
  public:
   HostLogCapture() {
-    setHostLogSink(
-        [this](HostLogLevel, const std::string& line) { add(line); });
-    // Installing a sink replays what was logged before; that is not ours.
-    lines_.clear();
+    setHostLogSink([this](HostLogLevel, const std::string& line) {
+      lines_.push_back(line);
+    });
+    lines_.clear();  // installing a sink replays earlier lines: not ours
   }
   ~HostLogCapture() { setHostLogSink(HostLogSink()); }
   HostLogCapture(const HostLogCapture&) = delete;
-  HostLogCapture& operator=(const HostLogCapture&) = delete;
-
   const std::vector<std::string>& lines() const { return lines_; }
 
  private:
-  void add(const std::string& line) { lines_.push_back(line); }
   std::vector<std::string> lines_;
 };
 
-// Points the process-wide configuration at a file of a scratch directory
-// (absent until write() is called) and restores the real path afterwards.
+// Points the process-wide configuration at a scratch file (absent until
+// write()) and restores the real path afterwards.
 class ScratchConf {
  public:
-  ScratchConf() : path_(dir_.path() + "/dyr.conf") {
-    dyrConfResetForTesting(path_.c_str());
-  }
+  ScratchConf() { dyrConfResetForTesting(path().c_str()); }
   ~ScratchConf() { dyrConfResetForTesting(nullptr); }
-  ScratchConf(const ScratchConf&) = delete;
-  ScratchConf& operator=(const ScratchConf&) = delete;
-
   void write(const std::string& text) const {
-    ferrow_test::writeFile(path_, text);
+    ferrow_test::writeFile(path(), text);
   }
-  const std::string& path() const { return path_; }
-  const std::string& dir() const { return dir_.path(); }
+  std::string path() const { return dir_.path() + "/dyr.conf"; }
 
  private:
   ferrow_test::TempDir dir_;
-  std::string path_;
 };
 
 // Sets the process umask for its lifetime.
@@ -62,16 +72,24 @@ class ScopedUmask {
   explicit ScopedUmask(mode_t mask) : saved_(umask(mask)) {}
   ~ScopedUmask() { umask(saved_); }
   ScopedUmask(const ScopedUmask&) = delete;
-  ScopedUmask& operator=(const ScopedUmask&) = delete;
 
  private:
   mode_t saved_;
 };
 
-inline struct stat statOf(const std::string& path) {
-  struct stat st = {};
-  if (stat(path.c_str(), &st) != 0) st.st_mode = 0;
-  return st;
+// Type, owner, group and permission bits of path, as "d 0:0 0750" ("f" for
+// a regular file), or "missing".
+inline std::string describe(const std::string& path) {
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) return "missing";
+  char text[64];
+  snprintf(text, sizeof text, "%c %u:%u %04o",
+           S_ISDIR(st.st_mode)   ? 'd'
+           : S_ISREG(st.st_mode) ? 'f'
+                                 : '?',
+           unsigned(st.st_uid), unsigned(st.st_gid),
+           unsigned(st.st_mode & 07777));
+  return text;
 }
 
 }  // namespace testing_util

@@ -3,11 +3,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cctype>
-#include <cstdio>
 #include <random>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "commons/arg_list.h"
@@ -17,37 +14,8 @@
 namespace tovel {
 namespace {
 
-std::string hex(const std::string& bytes) {
-  std::string text;
-  char digits[4];
-  for (unsigned char c : bytes) {
-    std::snprintf(digits, sizeof(digits), "%02x ", c);
-    text += digits;
-  }
-  return text;
-}
-
-// ---- The class table ----
-
-TEST(ShQuoteTable, ClassesOfSampleBytes) {
-  EXPECT_EQ(ShQuoteClass::kBackslash, shQuoteClass('\t'));
-  EXPECT_EQ(ShQuoteClass::kBackslash, shQuoteClass(' '));
-  EXPECT_EQ(ShQuoteClass::kBackslash, shQuoteClass('~'));
-  EXPECT_EQ(ShQuoteClass::kBackslash, shQuoteClass('['));
-  EXPECT_EQ(ShQuoteClass::kCopy, shQuoteClass('{'));
-  EXPECT_EQ(ShQuoteClass::kCopy, shQuoteClass('}'));
-  EXPECT_EQ(ShQuoteClass::kCopy, shQuoteClass(']'));
-  EXPECT_EQ(ShQuoteClass::kCopy, shQuoteClass(0x80));
-  EXPECT_EQ(ShQuoteClass::kCopy, shQuoteClass(0xff));
-  EXPECT_EQ(ShQuoteClass::kCopy, shQuoteClass('\r'));
-  EXPECT_EQ(ShQuoteClass::kCopy, shQuoteClass(0));
-  EXPECT_EQ(ShQuoteClass::kLineFeed, shQuoteClass('\n'));
-}
-
-TEST(ShQuoteTable, ExactlyTheNineteenMetacharactersTakeABackslash) {
-  const std::string backslashed = {'\t', ' ',  '"', '#', '$', '&', '\'',
-                                   '(',  ')',  '*', ';', '<', '>', '?',
-                                   '[',  '\\', '`', '|', '~'};
+TEST(ShQuote, ExactlyTheNineteenMetacharactersTakeABackslash) {
+  const std::string backslashed = "\t \"#$&'()*;<>?[\\`|~";
   ASSERT_EQ(19u, backslashed.size());
   for (int byte = 0; byte < 256; ++byte) {
     ShQuoteClass expected = ShQuoteClass::kCopy;
@@ -61,35 +29,21 @@ TEST(ShQuoteTable, ExactlyTheNineteenMetacharactersTakeABackslash) {
   }
 }
 
-TEST(ShQuote, RewritesWordsByteByByte) {
+TEST(ShQuote, RewritesWordsByteByByteAndJoinsThem) {
   EXPECT_EQ("", sh_quote(""));
-  EXPECT_EQ("plain-word_1.2/x=y%!{a}]", sh_quote("plain-word_1.2/x=y%!{a}]"));
-  EXPECT_EQ("a\\ b\\\tc", sh_quote("a b\tc"));
-  EXPECT_EQ("it\\'s\\ \\$HOME\\;\\ \\`x\\`", sh_quote("it's $HOME; `x`"));
-  EXPECT_EQ("a'\n'b", sh_quote("a\nb"));
-  EXPECT_EQ("'\n''\n'", sh_quote("\n\n"));
-  EXPECT_EQ("\\\\", sh_quote("\\"));
-  EXPECT_EQ("\xc3\xa9\x80", sh_quote("\xc3\xa9\x80"));
-}
+  EXPECT_EQ("it\\'s\\ \\$HOME'\n'{a}\xc3\xa9",
+            sh_quote("it's $HOME\n{a}\xc3\xa9"));
 
-TEST(ArgsBuilder, JoinsQuotedWordsWithOneBlank) {
+  ArgsBuilder line("sh");
+  line << "-c"
+       << ""
+       << "cd /tmp/a b; ls";
+  EXPECT_EQ("sh -c  cd\\ /tmp/a\\ b\\;\\ ls", line.str());
   EXPECT_EQ("", ArgsBuilder().str());
-  EXPECT_EQ("sh -c cd\\ /tmp/a\\ b\\;\\ ls",
-            (ArgsBuilder("sh") << "-c"
-                               << "cd /tmp/a b; ls")
-                .str());
-  ArgsBuilder withEmpty("rm");
-  withEmpty << ""
-            << "-rf";
-  EXPECT_EQ("rm  -rf", withEmpty.str());
-  EXPECT_EQ(3u, withEmpty.size());
 }
-
-// ---- Against real shells ----
 
 // Runs "<shell> -c 'printf %s\000 <words>'" and splits what it prints.
 std::vector<std::string> printedByShell(const std::string& shell,
-                                        const std::string& locale,
                                         const std::vector<std::string>& words) {
   ArgsBuilder line("printf");
   line << "%s\\000";
@@ -97,9 +51,9 @@ std::vector<std::string> printedByShell(const std::string& shell,
   ArgList args;
   args << shell << "-c" << line.str();
   std::string output, errors;
-  int code = forkExecvGetInOutErrSuidEnv("", output, errors, shell, args, "",
-                                         {{"LC_ALL", locale}});
-  EXPECT_EQ(0, code) << errors;
+  EXPECT_EQ(0, forkExecvGetInOutErrSuidEnv("", output, errors, shell, args, "",
+                                           {{"LC_ALL", "C"}}))
+      << errors;
   std::vector<std::string> printed;
   size_t start = 0;
   for (size_t end; (end = output.find('\0', start)) != std::string::npos;
@@ -110,114 +64,56 @@ std::vector<std::string> printedByShell(const std::string& shell,
   return printed;
 }
 
-class ShQuoteShell
-    : public ::testing::TestWithParam<std::tuple<std::string, std::string>> {
- protected:
-  void SetUp() override {
-    if (access(shell().c_str(), X_OK) != 0) GTEST_SKIP() << "no " << shell();
-  }
-  const std::string& shell() const { return std::get<0>(GetParam()); }
-  const std::string& locale() const { return std::get<1>(GetParam()); }
-
-  void expectRoundTrip(const std::vector<std::string>& words) {
-    std::vector<std::string> printed = printedByShell(shell(), locale(), words);
-    ASSERT_EQ(words.size(), printed.size());
-    for (size_t i = 0; i < words.size(); ++i) {
-      EXPECT_EQ(words[i], printed[i])
-          << "word " << i << ": " << hex(words[i]) << "quoted as "
-          << hex(sh_quote(words[i])) << "came back as " << hex(printed[i]);
-    }
-  }
-};
-
-TEST_P(ShQuoteShell, EveryByteAlone) {
+// Words made of every non-zero byte, alone, among letters and all together,
+// then random mixes weighted towards what the shell treats specially. The
+// mixes hold no "{": bash would expand "{a,b}", which quoting leaves alone.
+std::vector<std::string> hardWords() {
   std::vector<std::string> words;
-  for (int byte = 1; byte < 256; ++byte) {
-    words.push_back(std::string(1, static_cast<char>(byte)));
-  }
-  expectRoundTrip(words);
-}
-
-TEST_P(ShQuoteShell, EveryByteBeforeBetweenAndAfterLetters) {
-  std::vector<std::string> words;
+  std::string all;
   for (int byte = 1; byte < 256; ++byte) {
     const std::string b(1, static_cast<char>(byte));
-    words.push_back(b + "x");
-    words.push_back("a" + b + "z");
-    words.push_back("x" + b);
-    words.push_back(b + b);
-  }
-  expectRoundTrip(words);
-}
-
-TEST_P(ShQuoteShell, OneWordHoldingAllBytes) {
-  std::string all;
-  for (int byte = 1; byte < 256; ++byte) all += static_cast<char>(byte);
-  std::string reversed(all.rbegin(), all.rend());
-  expectRoundTrip({all, reversed});
-}
-
-// bash expands brace lists such as "{a,b}" and "{1..3}", which the quoting
-// leaves alone; such words are kept out of the random mixes and covered by
-// BraceListsReachOnlyAPosixShellUnchanged below.
-bool holdsBraceList(const std::string& word) {
-  size_t open = word.find('{');
-  while (open != std::string::npos) {
-    size_t close = word.find('}', open);
-    if (close == std::string::npos) return false;
-    std::string inside = word.substr(open, close - open);
-    if (inside.find(',') != std::string::npos ||
-        inside.find("..") != std::string::npos) {
-      return true;
+    for (const std::string& w : {b, b + "x", "a" + b + "z", "x" + b, b + b}) {
+      words.push_back(w);
     }
-    open = word.find('{', open + 1);
+    all += b;
   }
-  return false;
-}
-
-TEST_P(ShQuoteShell, RandomMixes) {
+  words.push_back(all);
+  words.push_back(std::string(all.rbegin(), all.rend()));
   std::mt19937 random(20240611);
-  std::uniform_int_distribution<int> byteOf(1, 255);
-  std::uniform_int_distribution<int> lengthOf(1, 40);
-  // Weighted towards the characters the shell treats specially.
-  const std::string special = "\n\t \"#$&'()*;<>?[\\`|~{},.=!%^-";
-  std::uniform_int_distribution<size_t> specialOf(0, special.size() - 1);
-  std::vector<std::string> words;
-  while (words.size() < 400) {
+  const std::string special = "\n\t \"#$&'()*;<>?[\\`|~},.=!%^-";
+  for (int mixes = 0; mixes < 100; ++mixes) {
     std::string word;
-    for (int n = lengthOf(random); n > 0; --n) {
-      word += random() % 2 ? static_cast<char>(byteOf(random))
-                           : special[specialOf(random)];
+    for (int n = 1 + random() % 40; n > 0; --n) {
+      char c = static_cast<char>(1 + random() % 255);
+      word += random() % 2 && c != '{' ? c : special[random() % special.size()];
     }
-    if (shell() != "/bin/bash" || !holdsBraceList(word)) words.push_back(word);
+    words.push_back(word);
   }
-  expectRoundTrip(words);
+  return words;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Shells, ShQuoteShell,
-    ::testing::Combine(::testing::Values("/bin/sh", "/bin/dash", "/bin/bash"),
-                       ::testing::Values("C", "C.UTF-8")),
-    [](const ::testing::TestParamInfo<ShQuoteShell::ParamType>& info) {
-      std::string name =
-          std::get<0>(info.param).substr(5) + "_" + std::get<1>(info.param);
-      for (char& c : name) {
-        if (!isalnum(static_cast<unsigned char>(c))) c = '_';
-      }
-      return name;
-    });
+TEST(ShQuoteShells, EveryNonZeroByteRoundTrips) {
+  for (const std::string shell : {"/bin/sh", "/bin/bash"}) {
+    if (access(shell.c_str(), X_OK) != 0) continue;
+    std::vector<std::string> words = hardWords();
+    std::vector<std::string> printed = printedByShell(shell, words);
+    ASSERT_EQ(words.size(), printed.size()) << shell;
+    for (size_t i = 0; i < words.size(); ++i) {
+      EXPECT_EQ(words[i], printed[i])
+          << shell << " word " << i << " quoted as " << sh_quote(words[i]);
+    }
+  }
+}
 
-TEST(ShQuoteShells, EmptyWordVanishesFromTheCommandLine) {
+// Deliberate: an empty word vanishes, and brace lists reach bash unquoted.
+TEST(ShQuoteShells, EmptyWordsVanishAndBashExpandsBraceLists) {
   EXPECT_EQ(std::vector<std::string>({"a", "b"}),
-            printedByShell("/bin/sh", "C", {"a", "", "b"}));
-}
-
-TEST(ShQuoteShells, BraceListsReachOnlyAPosixShellUnchanged) {
+            printedByShell("/bin/sh", {"a", "", "b"}));
   const std::vector<std::string> words = {"a{b,c}d", "{1..3}"};
-  EXPECT_EQ(words, printedByShell("/bin/sh", "C", words));
+  EXPECT_EQ(words, printedByShell("/bin/sh", words));
   if (access("/bin/bash", X_OK) != 0) GTEST_SKIP() << "no bash";
-  std::vector<std::string> expanded = {"abd", "acd", "1", "2", "3"};
-  EXPECT_EQ(expanded, printedByShell("/bin/bash", "C", words));
+  EXPECT_EQ(std::vector<std::string>({"abd", "acd", "1", "2", "3"}),
+            printedByShell("/bin/bash", words));
 }
 
 }  // namespace
