@@ -35,9 +35,9 @@ ensure_panel_account() {
     useradd --system --no-create-home --shell /usr/sbin/nologin dyradm
 }
 
-# build DIR [cmake options...]
+# build DIR TARGET [cmake options...]; TARGET "all" builds everything.
 build_ferrow() {
-  local dir=$1; shift
+  local dir=$1 target=$2; shift 2
   cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
-  cmake --build "$dir" -j"$(nproc)"
+  cmake --build "$dir" -j"$(nproc)" --target "$target"
 }

@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include "commons/exec_cmd.h"
 #include "errors/system_error.h"
@@ -16,15 +15,16 @@
 namespace tovel {
 namespace {
 
-struct FreeDeleter {
-  void operator()(char* p) const { std::free(p); }
-};
-
-// The name "dd" will write; tempnam keeps it in dir when dir is usable.
+// The hidden file "dd" will fill. Created here rather than only named
+// (as tempnam would), so that no other process can take the name between
+// the choice and the write.
 std::string uniqueName(const std::string& dir) {
-  std::unique_ptr<char, FreeDeleter> name(tempnam(dir.c_str(), ".fs_"));
-  if (!name) throwSystemError("Unable to pick a name in " + dir, errno);
-  return name.get();
+  std::string name = dir + (dir.empty() || dir.back() != '/' ? "/" : "") +
+                     ".fs_XXXXXX";
+  int fd = mkstemp(&name[0]);
+  if (fd < 0) throwSystemError("Unable to pick a name in " + dir, errno);
+  close(fd);
+  return name;
 }
 
 }  // namespace

@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 #include <libxml/parser.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <memory>
 
 #include "errors/tags.h"
@@ -130,7 +132,16 @@ TEST_F(MigrationStatusTest, ConcurrentReaderNeverSeesAPartialDocument) {
   }
   int reads = 0, failures = 0, exitStatus = 0;
   std::string firstFailure;
-  while (waitpid(writer, &exitStatus, WNOHANG) == 0) {
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::seconds(120);
+  bool writerDone = false;
+  for (int round = 0; round < 10000000 && !writerDone; ++round) {
+    writerDone = waitpid(writer, &exitStatus, WNOHANG) != 0;
+    if (std::chrono::steady_clock::now() > deadline) {
+      kill(writer, SIGKILL);
+      waitpid(writer, &exitStatus, 0);
+      FAIL() << "the writer did not finish in time";
+    }
     std::string text = ferrow_test::readFile(session_.statusFile());
     std::unique_ptr<xmlDoc, void (*)(xmlDocPtr)> doc(
         xmlReadMemory(text.data(), static_cast<int>(text.size()), "status",
