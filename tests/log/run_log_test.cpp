@@ -105,8 +105,8 @@ TEST_F(RunLogTest, AnErrorKeepsEveryEnclosingObject) {
   EXPECT_THAT(text, HasSubstr("<description>Lost connection with the remote "
                               "host</description></message></object></object>"
                               "</execution-result>"));
-  EXPECT_EQ(std::string::npos, text.find("d2"));
-  EXPECT_EQ(std::string::npos, text.find("c2"));
+  EXPECT_EQ(std::string::npos, text.find("name=\"d2\""));
+  EXPECT_EQ(std::string::npos, text.find("name=\"c2\""));
 }
 
 TEST_F(RunLogTest, NestedCauseNestsMessages) {
