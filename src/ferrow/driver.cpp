@@ -4,6 +4,7 @@
 #include <ctime>
 #include <iostream>
 
+#include "actions/remove_agent_action.h"
 #include "actions/remove_dumping_status_action.h"
 #include "commons/dyr_conf.h"
 #include "commons/session_files.h"
@@ -114,6 +115,8 @@ int real_main(int argc, char** argv) {
 
 Action* getActionByIdInternal(const config& cfg) {
   switch (cfg.action) {
+    case kRemoveAgent:
+      return new RemoveAgentAction();
     case kRemoveDumpingStatus:
       return new RemoveDumpingStatusAction();
     default:

@@ -1,0 +1,17 @@
+#include "actions/remove_agent_action.h"
+
+#include <sstream>
+
+#include "commons/args_builder.h"
+
+namespace tovel {
+
+void RemoveAgentAction::execute() {
+  ArgsBuilder command;
+  command << "rm"
+          << "-rf" << config_->agentDir;
+  std::ostringstream out, err;
+  execRoot(command.str(), out, err, false);
+}
+
+}  // namespace tovel

@@ -1,0 +1,171 @@
+#include "transport/command_pump.h"
+
+#include <signal.h>
+#include <string.h>
+
+#include <istream>
+#include <log4cpp/Category.hh>
+#include <ostream>
+#include <string>
+
+#include "commons/termination.h"
+#include "errors/tags.h"
+#include "transport/libssh2_errors.h"
+
+namespace tovel {
+namespace {
+
+log4cpp::Category& logger() { return log4cpp::Category::getInstance("p.Ssh"); }
+
+void logChunk(const char* prefix, const char* data, std::size_t size) {
+  if (!logger().isDebugEnabled()) return;
+  logger().debug(prefix + std::string(data, size));
+}
+
+// The number of a signal named as in an SSH exit-signal message ("KILL").
+int signalNumber(const std::string& name) {
+  for (int number = 1; number < NSIG; ++number) {
+    const char* abbrev = sigabbrev_np(number);
+    if (abbrev != nullptr && name == abbrev) return number;
+  }
+  return 0;
+}
+
+}  // namespace
+
+CommandPump::CommandPump(libssh2pp::Session& session,
+                         libssh2pp::Channel& channel,
+                         const CommandStreams& streams, Alarm* const& alarm)
+    : session_(session),
+      channel_(channel.get()),
+      streams_(streams),
+      alarm_(alarm),
+      input_(kChunkSize),
+      output_(kChunkSize) {}
+
+void CommandPump::run() {
+  for (;;) {
+    // An alarm may have run commands of its own, which leave the session
+    // blocking.
+    libssh2_session_set_blocking(session_.get(),
+                                 libssh2pp::Channel::kNonBlocking);
+    bool progressed = feedInput();
+    progressed = drain(0) || progressed;
+    progressed = drain(1) || progressed;
+    if (inputDone_ && libssh2_channel_eof(channel_)) break;
+    if (alarm_ != nullptr && !writeBlocked_) alarm_->doAlarm();
+    if (!progressed) session_.waitSocket(kWaitRoundMs);
+  }
+  libssh2_session_set_blocking(session_.get(), libssh2pp::Channel::kBlocking);
+}
+
+bool CommandPump::feedInput() {
+  if (inputDone_) return false;
+  if (inputLength_ == 0 && !readInputChunk()) return sendEof();
+  checkProgramTerminated();
+  const char* data = input_.data() + inputOffset_;
+  long rc = libssh2_channel_write_ex(channel_, 0, data, inputLength_);
+  writeBlocked_ = rc == LIBSSH2_ERROR_EAGAIN;
+  if (writeBlocked_) return false;
+  if (rc < 0) return writeFailed(rc);
+  if (!streams_.quietInput) logChunk("remote stdin <- ", data, rc);
+  inputOffset_ += rc;
+  inputLength_ -= rc;
+  return rc > 0;
+}
+
+bool CommandPump::readInputChunk() {
+  std::istream& in = streams_.in;
+  if (in.eof()) return false;
+  in.read(input_.data(), input_.size());
+  if (in.bad()) TOVEL_THROW(StreamRead);
+  inputOffset_ = 0;
+  inputLength_ = static_cast<std::size_t>(in.gcount());
+  return inputLength_ > 0;
+}
+
+bool CommandPump::sendEof() {
+  int rc = libssh2_channel_send_eof(channel_);
+  writeBlocked_ = rc == LIBSSH2_ERROR_EAGAIN;
+  if (writeBlocked_) return false;
+  if (rc < 0 && libssh2pp::isConnectionLoss(rc)) {
+    libssh2pp::throwConnectionLost(session_.get(), rc, "send EOF");
+  }
+  if (rc < 0 && rc != LIBSSH2_ERROR_CHANNEL_CLOSED) {
+    TOVEL_THROW(UnableToSendEof) % libssh2pp::lastErrorText(session_.get());
+  }
+  inputDone_ = true;
+  return true;
+}
+
+bool CommandPump::writeFailed(long rc) {
+  if (libssh2pp::isConnectionLoss(rc)) {
+    libssh2pp::throwConnectionLost(session_.get(), rc, "channel write");
+  }
+  if (rc != LIBSSH2_ERROR_CHANNEL_CLOSED &&
+      rc != LIBSSH2_ERROR_CHANNEL_EOF_SENT) {
+    TOVEL_THROW(StreamWrite);
+  }
+  // The command ended without reading all of its input, as "true" does:
+  // the rest is dropped, as a local pipe would drop it.
+  logger().debug("The remote command closed its input; the rest is not sent");
+  inputDone_ = true;
+  return true;
+}
+
+bool CommandPump::drain(int stream) {
+  long rc =
+      libssh2_channel_read_ex(channel_, stream, output_.data(), output_.size());
+  if (rc == LIBSSH2_ERROR_EAGAIN || rc == 0) return false;
+  if (rc < 0)
+    libssh2pp::throwConnectionLost(session_.get(), rc, "channel read");
+  deliver(stream, static_cast<std::size_t>(rc));
+  return true;
+}
+
+void CommandPump::deliver(int stream, std::size_t size) {
+  const char* data = output_.data();
+  if (stream == 0) {
+    if (!streams_.quietOutput) logChunk("remote stdout -> ", data, size);
+    streams_.counter.update(size);
+    streams_.out.write(data, size);
+    if (!streams_.out) TOVEL_THROW(StreamWrite);
+    checkProgramTerminated();
+    return;
+  }
+  if (!streams_.quietOutput) logChunk("remote stderr -> ", data, size);
+  streams_.err.write(data, size);
+  if (!streams_.err) TOVEL_THROW(StreamWrite);
+}
+
+int CommandPump::exitStatus() {
+  libssh2_session_set_blocking(session_.get(),
+                               libssh2pp::Channel::kNonBlocking);
+  int rc;
+  while ((rc = libssh2_channel_wait_closed(channel_)) == LIBSSH2_ERROR_EAGAIN) {
+    session_.waitSocket(kWaitRoundMs);
+  }
+  libssh2_session_set_blocking(session_.get(), libssh2pp::Channel::kBlocking);
+  if (rc < 0 && libssh2pp::isConnectionLoss(rc)) {
+    libssh2pp::throwConnectionLost(session_.get(), rc, "channel close");
+  }
+  int status = signalStatus();
+  return status != 0 ? status : libssh2_channel_get_exit_status(channel_);
+}
+
+// The library reports status 0 for a killed command; a killed "cat" must
+// never pass for a complete file.
+int CommandPump::signalStatus() {
+  char* name = nullptr;
+  size_t length = 0;
+  libssh2_channel_get_exit_signal(channel_, &name, &length, nullptr, nullptr,
+                                  nullptr, nullptr);
+  if (name == nullptr) return 0;
+  std::string signal(name, length);
+  libssh2_free(session_.get(), name);
+  int number = signalNumber(signal);
+  logger().debug("The remote command was killed by signal " + signal);
+  return 128 + (number != 0 ? number : 127);
+}
+
+}  // namespace tovel

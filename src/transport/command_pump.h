@@ -1,0 +1,71 @@
+// CommandPump: moves the three standard streams of one remote command
+// between local streams and its exec channel, then collects its status.
+#ifndef FERROW_TRANSPORT_COMMAND_PUMP_H_
+#define FERROW_TRANSPORT_COMMAND_PUMP_H_
+
+#include <cstddef>
+#include <iosfwd>
+#include <vector>
+
+#include "transport/alarm.h"
+#include "transport/channel.h"
+#include "transport/session.h"
+#include "transport/ssh_transfer.h"
+
+namespace tovel {
+
+struct CommandStreams {
+  std::istream& in;
+  std::ostream& out;
+  std::ostream& err;
+  bool quietOutput;
+  bool quietInput;
+  Ssh::Counter& counter;
+};
+
+class CommandPump {
+ public:
+  // Largest chunk read from any stream at once.
+  static constexpr std::size_t kChunkSize = 65536;
+  // Longest single wait for the socket; also how late an alarm can run.
+  static constexpr int kWaitRoundMs = 5000;
+
+  // None owned; `alarm` is read at every round, as the caller may change it.
+  CommandPump(libssh2pp::Session& session, libssh2pp::Channel& channel,
+              const CommandStreams& streams, Alarm* const& alarm);
+
+  // Feeds the input (then EOF) while draining both output streams, until
+  // the remote side has sent EOF and everything it sent is delivered. The
+  // session is non-blocking meanwhile. Throws as Ssh::exec documents.
+  void run();
+
+  // Waits for the channel to close; returns its exit status, or 128 + the
+  // signal's number when the command was killed by a signal.
+  int exitStatus();
+
+ private:
+  bool feedInput();
+  bool readInputChunk();
+  bool sendEof();
+  bool writeFailed(long rc);
+  bool drain(int stream);
+  void deliver(int stream, std::size_t size);
+  int signalStatus();
+
+  libssh2pp::Session& session_;
+  LIBSSH2_CHANNEL* channel_;
+  const CommandStreams& streams_;
+  Alarm* const& alarm_;
+  std::vector<char> input_;
+  std::size_t inputOffset_ = 0;
+  std::size_t inputLength_ = 0;
+  bool inputDone_ = false;
+  // A write that the library could only partly send must be repeated
+  // before anything else goes out on the session.
+  bool writeBlocked_ = false;
+  std::vector<char> output_;
+};
+
+}  // namespace tovel
+
+#endif  // FERROW_TRANSPORT_COMMAND_PUMP_H_

@@ -1,0 +1,96 @@
+// libssh2pp::Session: one SSH session on a connected socket, its
+// password or keyboard-interactive login, and its exec channels.
+#ifndef FERROW_TRANSPORT_SESSION_H_
+#define FERROW_TRANSPORT_SESSION_H_
+
+#include <libssh2.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "commons/handle.h"
+#include "transport/channel.h"
+
+namespace tovel {
+namespace libssh2pp {
+
+struct SessionFree {
+  void operator()(LIBSSH2_SESSION* session) const {
+    libssh2_session_free(session);
+  }
+};
+
+class Session : public Handle<LIBSSH2_SESSION*, SessionFree> {
+ public:
+  // Window and packet size of every channel we open.
+  static constexpr unsigned kChannelWindowSize = 65536;
+  static constexpr unsigned kChannelPacketSize = 16384;
+  // Bound on every blocking library call (handshake, login, channel open
+  // and close): a peer that stops answering cannot hang the run.
+  static constexpr long kBlockingCallTimeoutMs = 30000;
+
+  // Starts SSH on the connected descriptor `socket` (not owned). With
+  // noEncryption asks for cipher "none" both ways; with compatibility asks
+  // for key exchange "diffie-hellman-group1-sha1". Throws
+  // UnableToStartSshSession with the library's text when the handshake or
+  // a method preference fails, InvalidHandle when no session can be made.
+  Session(int socket, bool noEncryption, bool compatibility);
+  // Drops the reserve channel, logs "SSH session finished", frees the
+  // session (no disconnect message).
+  ~Session() override;
+
+  // Logs in with "password" when offered, then with "keyboard-interactive"
+  // (every prompt answered with the password) when offered and still
+  // needed; in compatibility mode then opens the reserve channel. Throws
+  // SshAuthorizationFailed when neither works, SshConnectionFault when the
+  // connection is lost meanwhile.
+  void authorize(const std::string& user, const std::string& password);
+
+  // The comma-separated method list the server offers `user`, split at
+  // every comma (empty pieces kept). Throws InvalidHandle when the server
+  // gives none, SshConnectionFault when the connection is lost.
+  void getAuthMethodsList(const std::string& user,
+                          std::vector<std::string>& methods);
+
+  // Opens a "session" channel, starts `command` with "exec" and leaves the
+  // session in `mode`. Throws InvalidHandle when the server refuses the
+  // channel or the command, SshConnectionFault when the connection is lost.
+  std::unique_ptr<Channel> openExecChannel(const std::string& command,
+                                           Channel::Mode mode);
+
+  // Opens the reserve channel of compatibility mode: "cat" that waits on
+  // its input for the life of the session, so that the session always has
+  // a channel open besides the command channels.
+  void create_reserve_channel();
+
+  // Waits until the socket is ready in the directions libssh2 last
+  // blocked on (readable when none), at most timeoutMs. A signal ends the
+  // wait early.
+  void waitSocket(int timeoutMs);
+
+  // Answers every prompt with the password that authorize() stores in the
+  // session's abstract slot. Responses are malloc'd: libssh2 frees them.
+  static void userauth_callback(const char* name, int name_len,
+                                const char* instruction, int instruction_len,
+                                int num_prompts,
+                                const LIBSSH2_USERAUTH_KBDINT_PROMPT* prompts,
+                                LIBSSH2_USERAUTH_KBDINT_RESPONSE* responses,
+                                void** abstract);
+
+ private:
+  void preferMethod(int method, const char* preference);
+  bool tryPassword(const std::string& user, const std::string& password);
+  bool tryKeyboardInteractive(const std::string& user,
+                              const std::string& password);
+  std::unique_ptr<Channel> openSessionChannel();
+
+  int socket_;
+  bool compatibility_;
+  std::unique_ptr<Channel> reserveChannel_;
+};
+
+}  // namespace libssh2pp
+}  // namespace tovel
+
+#endif  // FERROW_TRANSPORT_SESSION_H_

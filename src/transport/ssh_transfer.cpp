@@ -1,0 +1,139 @@
+#include "transport/ssh_transfer.h"
+
+#include <errno.h>
+#include <string.h>
+
+#include <fstream>
+#include <log4cpp/Category.hh>
+#include <sstream>
+
+#include "commons/sh_quote.h"
+#include "errors/tags.h"
+#include "transport/command_pump.h"
+
+namespace tovel {
+namespace {
+
+log4cpp::Category& logger() { return log4cpp::Category::getInstance("p.Ssh"); }
+
+// "cat FILE" reads a remote file, "cat > FILE" writes one.
+std::string catCommand(const std::string& redirect, const std::string& path) {
+  return "cat" + redirect + " " + sh_quote(path);
+}
+
+// Output that nobody reads.
+class NullStream : public std::ostream {
+ public:
+  NullStream() : std::ostream(nullptr) {}
+};
+
+}  // namespace
+
+Ssh::NullCounter Ssh::null_counter;
+
+Ssh::Ssh(const std::string& host, const std::string& login,
+         const std::string& password, bool noEncryption, unsigned short port) {
+  connect(host, port, noEncryption);
+  try {
+    session_->authorize(login, password);
+  } catch (const Exc<&SshAuthorizationFailed>&) {
+    TOVEL_THROW(SshInvalidCredentials) % host;
+  }
+}
+
+Ssh::~Ssh() {
+  session_.reset();
+  socket_.reset();
+}
+
+void Ssh::connect(const std::string& host, unsigned short port,
+                  bool noEncryption) {
+  socket_ = std::make_unique<Socket>(host, port);
+  try {
+    session_ = std::make_unique<libssh2pp::Session>(socket_->fd(), noEncryption,
+                                                    false);
+  } catch (const Exc<&UnableToStartSshSession>&) {
+    logger().debug("Attempt to start SSH session in a 'compatibility' mode");
+    socket_ = std::make_unique<Socket>(host, port);
+    session_ =
+        std::make_unique<libssh2pp::Session>(socket_->fd(), noEncryption, true);
+  }
+}
+
+int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out,
+              std::ostream& err, bool quietOutput, bool quietInput,
+              Counter& counter) {
+  logger().debug("Executing " + command + " on the remote host");
+  std::unique_ptr<libssh2pp::Channel> channel =
+      session_->openExecChannel(command, libssh2pp::Channel::kBlocking);
+  CommandStreams streams{in, out, err, quietOutput, quietInput, counter};
+  CommandPump pump(*session_, *channel, streams, alarm_);
+  pump.run();
+  int status = pump.exitStatus();
+  logger().debug("Execution finished with return code " +
+                 std::to_string(status));
+  return status;
+}
+
+int Ssh::exec(const std::string& command, std::ostream& out, std::ostream& err,
+              bool quietOutput, Counter& counter) {
+  std::istringstream empty;
+  return exec(command, empty, out, err, quietOutput, false, counter);
+}
+
+int Ssh::get(std::ostream& out, std::ostream& err,
+             const std::string& remotePath, Counter& counter) {
+  logger().debug("Reading data from the remote file " + remotePath);
+  std::istringstream empty;
+  return exec(catCommand("", remotePath), empty, out, err, true, true, counter);
+}
+
+int Ssh::get(std::ostream& out, const std::string& remotePath) {
+  NullStream discarded;
+  return get(out, discarded, remotePath, null_counter);
+}
+
+int Ssh::get(const std::string& remotePath, std::ostream& err,
+             const std::string& localPath, Counter& counter) {
+  logger().debug("Reading data to the file " + localPath);
+  std::ofstream file(localPath.c_str(), std::ios::binary | std::ios::trunc);
+  if (!file) {
+    logger().error("Unable to create " + localPath + ": " + strerror(errno));
+    TOVEL_THROW(StreamWrite);
+  }
+  std::istringstream empty;
+  int status =
+      exec(catCommand("", remotePath), empty, file, err, true, true, counter);
+  file.close();
+  if (!file) {
+    logger().error("Unable to write " + localPath + ": " + strerror(errno));
+    TOVEL_THROW(StreamWrite);
+  }
+  return status;
+}
+
+int Ssh::get(const std::string& remotePath, const std::string& localPath) {
+  NullStream discarded;
+  return get(remotePath, discarded, localPath, null_counter);
+}
+
+void Ssh::put(std::istream& in, const std::string& remotePath) {
+  logger().debug("Writing data to the remote file " + remotePath);
+  NullStream discarded;
+  exec(catCommand(" >", remotePath), in, discarded, discarded, true, true,
+       null_counter);
+}
+
+void Ssh::put(const std::string& localPath, const std::string& remotePath) {
+  logger().debug("Writing file " + localPath + " to the remote host");
+  std::ifstream file(localPath.c_str(), std::ios::binary);
+  if (!file) {
+    logger().error("Unable to read " + localPath + ": " + strerror(errno));
+    TOVEL_THROW(StreamRead);
+  }
+  NullStream discarded;
+  exec(catCommand(" >", remotePath), file, discarded, discarded, true, true,
+       null_counter);
+}
+
+}  // namespace tovel

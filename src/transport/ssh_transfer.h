@@ -1,0 +1,90 @@
+// Ssh: the run's one authenticated connection to the source host. Runs one
+// remote command at a time with its standard streams pumped, and moves
+// files with the remote commands "cat FILE" and "cat > FILE".
+#ifndef FERROW_TRANSPORT_SSH_TRANSFER_H_
+#define FERROW_TRANSPORT_SSH_TRANSFER_H_
+
+#include <cstddef>
+#include <iosfwd>
+#include <memory>
+#include <string>
+
+#include "commons/socket.h"
+#include "transport/alarm.h"
+#include "transport/session.h"
+
+namespace tovel {
+
+class Ssh {
+ public:
+  // Told the size of every chunk of remote standard output received.
+  class Counter {
+   public:
+    virtual ~Counter() = default;
+    virtual void update(std::size_t bytes) = 0;
+  };
+  class NullCounter : public Counter {
+   public:
+    void update(std::size_t) override {}
+  };
+  static NullCounter null_counter;
+
+  // Connects (Socket), starts SSH (retrying once in compatibility mode
+  // when the start fails) and logs in. Throws what Socket and Session
+  // throw; a refused login throws SshInvalidCredentials "Unable to connect
+  // to host <host>: you have specified incorrect username or password".
+  // The password is not kept.
+  Ssh(const std::string& host, const std::string& login,
+      const std::string& password, bool noEncryption, unsigned short port);
+  ~Ssh();
+  Ssh(const Ssh&) = delete;
+  Ssh& operator=(const Ssh&) = delete;
+
+  // Runs `command` (one remote shell line) and returns its exit status; a
+  // command ended by a signal returns 128 + the signal's number. `in` is
+  // sent as its standard input, then EOF, while its standard output goes
+  // to `out` (each chunk told to `counter`) and its standard error to
+  // `err`; input and output flow at the same time, so neither side can
+  // stall the other. Unless quietOutput/quietInput, the bytes are logged at
+  // DEBUG. Between chunks the termination flag is polled
+  // (MigrationTerminatedException). Throws SshConnectionFault when the
+  // connection is lost, StreamRead/StreamWrite when a local stream fails,
+  // UnableToSendEof, InvalidHandle when no channel can be opened.
+  int exec(const std::string& command, std::istream& in, std::ostream& out,
+           std::ostream& err, bool quietOutput, bool quietInput,
+           Counter& counter);
+  // The same with empty standard input.
+  int exec(const std::string& command, std::ostream& out, std::ostream& err,
+           bool quietOutput, Counter& counter);
+
+  // Reads a remote file with "cat" into a stream or a (truncated) local
+  // file; returns cat's exit status, its error text going to `err` or
+  // being discarded. Contents are never logged. A local file that cannot
+  // be created or written throws StreamWrite.
+  int get(std::ostream& out, std::ostream& err, const std::string& remotePath,
+          Counter& counter);
+  int get(std::ostream& out, const std::string& remotePath);
+  int get(const std::string& remotePath, std::ostream& err,
+          const std::string& localPath, Counter& counter);
+  int get(const std::string& remotePath, const std::string& localPath);
+
+  // Writes a stream or a local file to a remote path with "cat >". The
+  // remote status is not checked; a local file that cannot be read throws
+  // StreamRead.
+  void put(std::istream& in, const std::string& remotePath);
+  void put(const std::string& localPath, const std::string& remotePath);
+
+  // Not owned; null to unregister. Run at the wait rounds of exec.
+  void setAlarm(Alarm* alarm) { alarm_ = alarm; }
+
+ private:
+  void connect(const std::string& host, unsigned short port, bool noEncryption);
+
+  std::unique_ptr<Socket> socket_;
+  std::unique_ptr<libssh2pp::Session> session_;
+  Alarm* alarm_ = nullptr;
+};
+
+}  // namespace tovel
+
+#endif  // FERROW_TRANSPORT_SSH_TRANSFER_H_
