@@ -7,6 +7,7 @@ FERROW_PACKAGES=(
   libboost-dev libboost-filesystem-dev
   libgtest-dev libgmock-dev
   util-linux mount passwd
+  openssh-server openssh-client sudo iproute2
 )
 
 need_root() {

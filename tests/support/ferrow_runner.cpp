@@ -15,21 +15,71 @@
 namespace ferrow_test {
 namespace {
 
-// Bind-mounts $1 onto /etc/dyr, then execs the rest of the arguments. When
-// the machine has no /etc/dyr to mount onto, /etc is first overlaid with a
-// private writable layer so that the mount point can exist in this
-// namespace only.
+// Arguments: scratch directory, whether to overlay /etc, whether the
+// network is isolated, the network set-up, the number of bind mounts, the
+// source/target pairs, then the command to exec. The overlay gives /etc a
+// private writable layer, so that missing mount points there exist in this
+// namespace only; it comes before the binds, which it would otherwise hide.
 const char kNamespaceScript[] =
     "set -e\n"
-    "fixture=$1; scratch=$2; shift 2\n"
-    "if [ ! -d /etc/dyr ]; then\n"
+    "scratch=$1; overlay=$2; isolate=$3; setup=$4; count=$5; shift 5\n"
+    "if [ \"$isolate\" = 1 ]; then\n"
+    "  ip link set lo up\n"
+    "  eval \"$setup\"\n"
+    "fi\n"
+    "if [ \"$overlay\" = 1 ]; then\n"
     "  mkdir -p \"$scratch/upper\" \"$scratch/work\"\n"
     "  mount -t overlay overlay -o "
     "lowerdir=/etc,upperdir=\"$scratch/upper\",workdir=\"$scratch/work\" /etc\n"
-    "  mkdir -p /etc/dyr\n"
     "fi\n"
-    "mount --bind \"$fixture\" /etc/dyr\n"
+    "while [ \"$count\" -gt 0 ]; do\n"
+    "  if [ ! -e \"$2\" ]; then\n"
+    "    if [ -d \"$1\" ]; then mkdir -p \"$2\"; else\n"
+    "      mkdir -p \"$(dirname \"$2\")\"; : > \"$2\"; fi\n"
+    "  fi\n"
+    "  mount --bind \"$1\" \"$2\"\n"
+    "  shift 2; count=$((count - 1))\n"
+    "done\n"
     "exec \"$@\"\n";
+
+const char kCleanPath[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
+
+// Whether /etc must be overlaid; throws for a target that could only be
+// made by changing the machine's own files.
+bool needsEtcOverlay(const RunOptions& options) {
+  bool overlay = false;
+  for (const auto& bind : options.binds) {
+    if (fileExists(bind.second)) continue;
+    if (bind.second.compare(0, 5, "/etc/") != 0)
+      throw std::invalid_argument("missing bind target " + bind.second);
+    overlay = true;
+  }
+  return overlay;
+}
+
+// Runs command (argument 0 first) inside the namespaces that options ask
+// for; scratch is an empty directory for the overlay's layers.
+RunResult runNamespaced(const RunOptions& options, const std::string& scratch,
+                        const std::vector<std::string>& command,
+                        const std::string& input) {
+  tovel::ArgList argv;
+  argv << "unshare"
+       << "-m";
+  if (options.isolateNetwork) argv << "-n";
+  argv << "--propagation"
+       << "private"
+       << "sh"
+       << "-c" << kNamespaceScript << "sh" << scratch
+       << (needsEtcOverlay(options) ? "1" : "0")
+       << (options.isolateNetwork ? "1" : "0") << options.networkSetup
+       << std::to_string(options.binds.size());
+  for (const auto& bind : options.binds) argv << bind.first << bind.second;
+  for (const std::string& arg : command) argv << arg;
+  RunResult result;
+  result.exitCode = tovel::forkExecvGetInOutErrSuidEnv(
+      input, result.out, result.err, "unshare", argv, "", {});
+  return result;
+}
 
 }  // namespace
 
@@ -78,6 +128,28 @@ void ensurePanelAccount() {
   add.exec();
 }
 
+const char kNoRouteToHostSetup[] = "ip route add unreachable 192.0.2.0/24";
+const char kNoRouteToHostAddress[] = "192.0.2.1";
+const char kPermissionDeniedSetup[] = "ip route add prohibit 198.51.100.0/24";
+const char kPermissionDeniedAddress[] = "198.51.100.1";
+const char kNetworkUnreachableAddress[] = "203.0.113.1";
+const char kTimeoutNetworkSetup[] =
+    "sysctl -qw net.ipv4.tcp_syn_retries=1\n"
+    "ip route add 198.18.0.0/24 dev lo";
+const char kTimeoutAddress[] = "198.18.0.1";
+const char kFailingNetworkSetup[] =
+    "ip route add unreachable 192.0.2.0/24\n"
+    "ip route add prohibit 198.51.100.0/24\n"
+    "sysctl -qw net.ipv4.tcp_syn_retries=1\n"
+    "ip route add 198.18.0.0/24 dev lo";
+
+RunResult runInNamespace(const std::string& script, const RunOptions& options,
+                         const std::string& input) {
+  TempDir scratch;
+  return runNamespaced(options, scratch.path(),
+                       {"env", "-i", kCleanPath, "sh", "-c", script}, input);
+}
+
 std::string defaultLogProperties() {
   return "log4cpp.rootCategory=DEBUG, A1, A2\n"
          "log4cpp.appender.A1=FileAppender\n"
@@ -107,23 +179,21 @@ void FerrowInstallation::writeLogProperties(const std::string& text) const {
 RunResult FerrowInstallation::run(const std::vector<std::string>& args,
                                   const std::map<std::string, std::string>& env,
                                   const std::string& input) const {
-  tovel::ArgList argv;
-  argv << "unshare"
-       << "-m"
-       << "--propagation"
-       << "private"
-       << "sh"
-       << "-c" << kNamespaceScript << "sh" << etcDyr() << root() + "/overlay"
-       << "env"
-       << "-i"
-       << "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
-  for (const auto& entry : env) argv << entry.first + "=" + entry.second;
-  argv << FERROW_BINARY;
-  for (const std::string& arg : args) argv << arg;
-  RunResult result;
-  result.exitCode = tovel::forkExecvGetInOutErrSuidEnv(
-      input, result.out, result.err, "unshare", argv, "", {});
-  return result;
+  return run(RunOptions(), args, env, input);
+}
+
+RunResult FerrowInstallation::run(const RunOptions& options,
+                                  const std::vector<std::string>& args,
+                                  const std::map<std::string, std::string>& env,
+                                  const std::string& input) const {
+  RunOptions withDyr = options;
+  withDyr.binds.insert(withDyr.binds.begin(), {etcDyr(), "/etc/dyr"});
+  std::vector<std::string> command = {"env", "-i", kCleanPath};
+  for (const auto& entry : env)
+    command.push_back(entry.first + "=" + entry.second);
+  command.push_back(FERROW_BINARY);
+  command.insert(command.end(), args.begin(), args.end());
+  return runNamespaced(withDyr, root() + "/overlay", command, input);
 }
 
 }  // namespace ferrow_test
