@@ -66,7 +66,7 @@ bool CommandPump::feedInput() {
   const char* data = input_.data() + inputOffset_;
   long rc = libssh2_channel_write_ex(channel_, 0, data, inputLength_);
   writeBlocked_ = rc == LIBSSH2_ERROR_EAGAIN;
-  if (writeBlocked_) return false;
+  if (writeBlocked_ || rc == 0) return remoteClosed() && inputDropped();
   if (rc < 0) return writeFailed(rc);
   if (!streams_.quietInput) logChunk("remote stdin <- ", data, rc);
   inputOffset_ += rc;
@@ -106,9 +106,20 @@ bool CommandPump::writeFailed(long rc) {
       rc != LIBSSH2_ERROR_CHANNEL_EOF_SENT) {
     TOVEL_THROW(StreamWrite);
   }
-  // The command ended without reading all of its input, as "true" does:
-  // the rest is dropped, as a local pipe would drop it.
+  return inputDropped();
+}
+
+// The library does not notice that a closed channel will never open its
+// window again; a command that ended is closed once it has sent EOF.
+bool CommandPump::remoteClosed() {
+  return libssh2_channel_wait_closed(channel_) == 0;
+}
+
+// The command ended without reading all of its input, as "true" does: the
+// rest is dropped, as a local pipe would drop it.
+bool CommandPump::inputDropped() {
   logger().debug("The remote command closed its input; the rest is not sent");
+  writeBlocked_ = false;
   inputDone_ = true;
   return true;
 }

@@ -48,6 +48,8 @@ class CommandPump {
   bool readInputChunk();
   bool sendEof();
   bool writeFailed(long rc);
+  bool remoteClosed();
+  bool inputDropped();
   bool drain(int stream);
   void deliver(int stream, std::size_t size);
   int signalStatus();
