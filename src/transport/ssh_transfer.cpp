@@ -21,10 +21,20 @@ std::string catCommand(const std::string& redirect, const std::string& path) {
   return "cat" + redirect + " " + sh_quote(path);
 }
 
-// Output that nobody reads.
+// Output that nobody reads; writes to it always succeed.
 class NullStream : public std::ostream {
  public:
-  NullStream() : std::ostream(nullptr) {}
+  NullStream() : std::ostream(&buffer_) {}
+
+ private:
+  class Discard : public std::streambuf {
+   protected:
+    int overflow(int c) override { return traits_type::not_eof(c); }
+    std::streamsize xsputn(const char*, std::streamsize n) override {
+      return n;
+    }
+  };
+  Discard buffer_;
 };
 
 }  // namespace
