@@ -359,7 +359,11 @@ TEST_F(ConnectionTest, EveryAddressOfANameIsTriedInTurn) {
   // The server listens on 127.0.0.1 only; the resolver lists ::1 first.
   RunResult order = runInNamespace("getent ahosts dualhost", options);
   ASSERT_EQ(0, order.exitCode) << order.err;
-  ASSERT_THAT(order.out, StartsWith("::1 ")) << order.out;
+  // glibc lists ::1 only on hosts with a global IPv6 address.
+  if (order.out.rfind("::1 ", 0) != 0) {
+    GTEST_SKIP() << "the resolver does not list ::1 first here:\n"
+                 << order.out;
+  }
 
   TempDir scratch;
   std::string agent = scratch.path() + "/agent";
