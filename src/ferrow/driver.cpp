@@ -6,6 +6,7 @@
 
 #include "actions/remove_agent_action.h"
 #include "actions/remove_dumping_status_action.h"
+#include "actions/send_scout_action.h"
 #include "commons/dyr_conf.h"
 #include "commons/session_files.h"
 #include "errors/tags.h"
@@ -115,6 +116,8 @@ int real_main(int argc, char** argv) {
 
 Action* getActionByIdInternal(const config& cfg) {
   switch (cfg.action) {
+    case kSendScout:
+      return new SendScoutAction();
     case kRemoveAgent:
       return new RemoveAgentAction();
     case kRemoveDumpingStatus:

@@ -234,17 +234,6 @@ TEST_F(DriverTest, FailingActionGivesExit2ErrorRecordAndStandardError) {
   EXPECT_THAT(log, HasSubstr("Ferrow finished. Exit code: 2"));
 }
 
-TEST_F(DriverTest, SourceHostActionsAreNotAvailableYet) {
-  RunResult r = install_.run(
-      {"--send-scout", "--host=h", "--login=l", "--session-path", session()},
-      {{"DYR_PASSWORD", "secret"}});
-  EXPECT_EQ(2, r.exitCode);
-  EXPECT_EQ(
-      "Unknown action passed to the function. Probably bug in the options "
-      "parser",
-      r.err);
-}
-
 TEST_F(DriverTest, UncaughtFailuresOfTheSetUpExitWith1) {
   RunResult noParent =
       install_.run({"--remove-dumping-status", "--session-path",

@@ -1,0 +1,26 @@
+#include "actions/send_scout_action.h"
+
+#include <fstream>
+#include <sstream>
+
+#include "commons/product_paths.h"
+#include "commons/session_files.h"
+#include "errors/tags.h"
+
+namespace tovel {
+
+void SendScoutAction::execute() {
+  std::string scoutPath = files::getScoutFileName();
+  std::ifstream scout(scoutPath.c_str(), std::ios::binary);
+  if (!scout) TOVEL_THROW(UnableToOpenScoutFile) % scoutPath;
+  std::string resultPath = theSession->getScoutResultFileName();
+  std::ofstream result(resultPath.c_str(), std::ios::binary | std::ios::trunc);
+  if (!result) TOVEL_THROW(StreamWrite);
+  std::ostringstream err;
+  int status = execRoot("perl", scout, result, err, false, true);
+  result.close();
+  if (status != 0) TOVEL_THROW(FailedToExecuteScout) % status % err.str();
+  if (!result) TOVEL_THROW(StreamWrite);
+}
+
+}  // namespace tovel

@@ -1,0 +1,51 @@
+// The options and environment that make a ferrow run log in to the test
+// sshd (support/sshd_server.h), for end-to-end tests of the actions.
+#ifndef FERROW_TESTS_SUPPORT_SOURCE_LOGIN_H_
+#define FERROW_TESTS_SUPPORT_SOURCE_LOGIN_H_
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "support/sshd_server.h"
+
+namespace ferrow_test {
+
+struct SourceLogin {
+  std::string name;  // for test messages
+  std::vector<std::string> args;
+  std::map<std::string, std::string> env;
+};
+
+// "--host=127.0.0.1 --port=P --login=L" with DYR_PASSWORD; with sudo also
+// "--sudo-password" and DYR_SUDO_PASSWORD set to the account's password.
+inline SourceLogin sourceLogin(const TestAccount& account, bool sudo) {
+  SourceLogin login;
+  login.name = account.name + (sudo ? " through sudo" : "");
+  login.args = {"--host=127.0.0.1",
+                "--port=" + std::to_string(SshdServer::shared().port()),
+                "--login=" + account.name};
+  login.env["DYR_PASSWORD"] = account.password;
+  if (sudo) {
+    login.args.push_back("--sudo-password");
+    login.env["DYR_SUDO_PASSWORD"] = account.password;
+  }
+  return login;
+}
+
+// The two ways ferrow gets root on a source host.
+inline std::vector<SourceLogin> rootLogins() {
+  return {sourceLogin(rootAccount(), false), sourceLogin(sudoAccount(), true)};
+}
+
+// login.args followed by `more`.
+inline std::vector<std::string> withLogin(const SourceLogin& login,
+                                          std::vector<std::string> more) {
+  std::vector<std::string> all = login.args;
+  all.insert(all.end(), more.begin(), more.end());
+  return all;
+}
+
+}  // namespace ferrow_test
+
+#endif  // FERROW_TESTS_SUPPORT_SOURCE_LOGIN_H_
