@@ -1,0 +1,71 @@
+#ifndef FERROW_ACTIONS_SEND_AGENT_ACTION_H_
+#define FERROW_ACTIONS_SEND_AGENT_ACTION_H_
+
+#include <boost/filesystem/path.hpp>
+#include <boost/function.hpp>
+
+#include "actions/action.h"
+
+namespace tovel {
+
+class Agent;
+
+// Told each path of a walk with the matching destination path; returns
+// whether a directory should be descended into.
+typedef boost::function<bool(const boost::filesystem::path& local,
+                             const boost::filesystem::path& destination)>
+    DirWalkCallback;
+
+// Calls callback(local, destination); when that returns true and local is
+// a directory, walks each of its entries (one level, in directory order)
+// with recursive_dir_walk_internal. An empty callback throws
+// boost::bad_function_call; directory reading errors throw
+// boost::filesystem::filesystem_error.
+void recursive_dir_walk_sync(const boost::filesystem::path& local,
+                             const boost::filesystem::path& destination,
+                             const DirWalkCallback& callback);
+// Walks entry to destination / entry's file name.
+void recursive_dir_walk_internal(const boost::filesystem::path& entry,
+                                 const boost::filesystem::path& destination,
+                                 const DirWalkCallback& callback);
+// recursive_dir_walk_sync with an empty destination.
+void recursive_dir_walk(const boost::filesystem::path& local,
+                        const DirWalkCallback& callback);
+
+// "--deploy-agent": copies CATALOGUE/shared and then CATALOGUE/AGENT_NAME
+// into AGENT_DIR on the source host (the agent's files overwrite shared
+// ones of the same name; the agent's top-level "control" stays behind),
+// then runs the deployed agent as root with "--get-status" and keeps its
+// answer in the session's "agent-deployment.status".
+class SendAgentAction : public Action {
+ public:
+  SendAgentAction() : Action(true) {}
+
+  // Throws NoSharedAgentsDirectory, NoAgentDirectory,
+  // CantCreateAgentDirectory, CantRequestAgentStatus, and what the SSH
+  // layer and the agent catalogue (AgentNotFound) throw, unchanged.
+  void execute() override;
+
+  // The walk callback: for a directory, creates `remote` as root and gives
+  // it to the login (CantCreateAgentDirectory) unless it is walkRoot's
+  // "control", which is skipped (returns false); for a file, uploads it as
+  // the login. Returns whether to descend.
+  bool sendFile(const boost::filesystem::path& walkRoot,
+                const boost::filesystem::path& local,
+                const boost::filesystem::path& remote);
+
+ private:
+  // Walks root to remote with sendFile.
+  void sendTree(const boost::filesystem::path& root,
+                const boost::filesystem::path& remote);
+  // Runs command as root; throws CantCreateAgentDirectory naming `remote`
+  // unless it succeeds.
+  void prepareRemoteDirectory(const std::string& command,
+                              const std::string& remote);
+  // Asks the deployed agent for its status into the session file.
+  void requestStatus(const Agent& agent);
+};
+
+}  // namespace tovel
+
+#endif  // FERROW_ACTIONS_SEND_AGENT_ACTION_H_
