@@ -6,6 +6,7 @@
 
 #include "actions/remove_agent_action.h"
 #include "actions/remove_dumping_status_action.h"
+#include "actions/send_agent_action.h"
 #include "actions/send_scout_action.h"
 #include "commons/dyr_conf.h"
 #include "commons/session_files.h"
@@ -118,6 +119,8 @@ Action* getActionByIdInternal(const config& cfg) {
   switch (cfg.action) {
     case kSendScout:
       return new SendScoutAction();
+    case kDeployAgent:
+      return new SendAgentAction();
     case kRemoveAgent:
       return new RemoveAgentAction();
     case kRemoveDumpingStatus:
