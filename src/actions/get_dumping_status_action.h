@@ -1,0 +1,22 @@
+#ifndef FERROW_ACTIONS_GET_DUMPING_STATUS_ACTION_H_
+#define FERROW_ACTIONS_GET_DUMPING_STATUS_ACTION_H_
+
+#include "actions/action.h"
+
+namespace tovel {
+
+// "--get-dumping-status": copies AGENT_DIR/dumping-status.xml from the
+// source host to standard output byte for byte, so that the caller can
+// follow a running dump. Nothing else is printed.
+class GetDumpingStatusAction : public Action {
+ public:
+  GetDumpingStatusAction() : Action(true) {}
+
+  // Throws DumpStatusError wrapping any error of the connection or the
+  // transfer.
+  void execute() override;
+};
+
+}  // namespace tovel
+
+#endif  // FERROW_ACTIONS_GET_DUMPING_STATUS_ACTION_H_
