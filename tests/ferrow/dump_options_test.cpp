@@ -209,13 +209,6 @@ TEST_F(DumpOptionsTest, FilterAndCompressionAttributes) {
   }
 }
 
-TEST_F(DumpOptionsTest, ParametersAreReadUnderTheRootOnly) {
-  DumpSelection selection;
-  parseSelectedObjectsFile(
-      objectsFile("<x><parameters filter='only-mail'/></x>"), selection);
-  EXPECT_EQ(selection.only, 0);
-}
-
 TEST_F(DumpOptionsTest, UnreadableFilesRaiseTheXmlErrors) {
   config cfg = selected();
   cfg.selectedObjectsFile = dir_.path() + "/missing.xml";
