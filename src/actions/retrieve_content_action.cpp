@@ -1,0 +1,253 @@
+#include "actions/retrieve_content_action.h"
+
+#include <sys/stat.h>
+
+#include <fstream>
+#include <log4cpp/Category.hh>
+#include <memory>
+#include <sstream>
+
+#include "agents/agent_spec.h"
+#include "commons/accounts.h"
+#include "commons/args_builder.h"
+#include "commons/checksum.h"
+#include "commons/disk_space.h"
+#include "commons/make_dir.h"
+#include "commons/session_files.h"
+#include "errors/tags.h"
+#include "log/debug_log.h"
+#include "log/run_log.h"
+
+namespace tovel {
+
+namespace {
+
+log4cpp::Category& logger() {
+  return log4cpp::Category::getInstance("p.RetrieveContentAction");
+}
+
+// The archives are read by the panel's tools as well as by root, so their
+// directories get an exact 0755 whatever umask the caller left.
+void make_content_dir(const std::string& path, const AccountIds& owner,
+                      mode_t mode) {
+  mode_t saved = umask(022);
+  make_dir(path, owner.uid, owner.gid, mode);
+  umask(saved);
+}
+
+std::string parentOf(const std::string& path) {
+  std::string::size_type slash = path.rfind('/');
+  return slash == std::string::npos ? std::string() : path.substr(0, slash);
+}
+
+std::string baseNameOf(const std::string& path) {
+  std::string::size_type slash = path.rfind('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// The local copy that the skip test compares: in the session directory, by
+// base name, wherever the archives are downloaded to.
+std::string skipCandidate(const DumpFile& f) {
+  return theSession->getCidFilesDir() + "/" + baseNameOf(f.name);
+}
+
+void writePointerFile(const std::string& path, const std::string& content) {
+  try {
+    std::ofstream file;
+    file.exceptions(std::ios::failbit | std::ios::badbit);
+    file.open(path.c_str(), std::ios::out | std::ios::trunc);
+    file << content;
+    file.close();
+  } catch (const std::ios_base::failure& e) {
+    TOVEL_THROW(FileWrite) % path % e.what();
+  }
+}
+
+void debugLog(const ExTraceable& e) {
+  if (theDebugLog) theDebugLog->log(e);
+}
+
+}  // namespace
+
+// --- FileRetrievalProgressUpdater ------------------------------------------
+
+FileRetrievalProgressUpdater::FileRetrievalProgressUpdater(
+    MigrationStatus& status, int64_t totalSize, int files, Clock clock)
+    : status_(status),
+      clock_(clock),
+      startTime_(clock()),
+      sizeLeft_(totalSize),
+      filesLeft_(files) {}
+
+std::time_t FileRetrievalProgressUpdater::currentTime() {
+  return std::time(nullptr);
+}
+
+void FileRetrievalProgressUpdater::update(std::size_t bytes) {
+  (*this)(static_cast<long>(bytes));
+}
+
+void FileRetrievalProgressUpdater::operator()(long n) {
+  sizeLeft_ -= n;
+  currentFileSizeLeft_ -= n;
+  transferred_ += n;
+  std::time_t now = clock_();
+  int64_t speed = now == startTime_
+                      ? 0
+                      : transferred_ / static_cast<int64_t>(now - startTime_);
+  status_.setTransferSpeed(std::to_string(speed));
+  status_.setTransferSizeLeft(std::to_string(sizeLeft_));
+  status_.setTransferCurrentFileSizeLeft(std::to_string(currentFileSizeLeft_));
+  status_.saveFile();
+}
+
+// --- RetrieveContentAction -------------------------------------------------
+
+void RetrieveContentAction::execute() {
+  try {
+    retrieve();
+  } catch (const ExTraceable& e) {
+    TOVEL_THROW_WRAP(CantRetrieveDump, e);
+  }
+}
+
+void RetrieveContentAction::retrieve() {
+  AccountIds owner = lookupAccount(kPanelAccount);
+  make_content_dir(theSession->getCidFilesDir(), owner, 0755);
+  status_->setAgentParams(config_->host);
+  status_->setTransferDump();
+  status_->saveFile();
+
+  std::unique_ptr<AgentFileList> list = fetchFileList();
+  std::vector<DumpFile> files = list->getFileList();
+  int64_t total = list->getTotalSize();
+  std::string destination = destinationDir();
+  if (!config_->noCheckSpace) checkSpace(destination, total);
+  status_->setTransferTotals(std::to_string(files.size()),
+                             std::to_string(total));
+  transfer(files, total, destination, owner);
+
+  writePointerFile(theSession->getDir() + "/dump-name",
+                   destination + "/dump.xml");
+  writePointerFile(theSession->getDir() + "/migration-result-name",
+                   destination + "/migration.result");
+  list.reset();
+}
+
+std::unique_ptr<AgentFileList> RetrieveContentAction::fetchFileList() {
+  std::shared_ptr<Agent> agent =
+      theAgentsFactory().getAgent(config_->agentName);
+  ArgsBuilder command;
+  command << agent->getInterpreterOrDefault()
+          << config_->agentDir + "/" + agent->getEntryPoint()
+          << "--get-content-list";
+  std::ostringstream out, err;
+  if (execRoot(command.str(), out, err, false) != 0) {
+    TOVEL_THROW(CantRetrieveContentList) % err.str();
+  }
+  return getFileList(out.str());
+}
+
+void RetrieveContentAction::checkSpace(const std::string& destination,
+                                       int64_t total) {
+  uint64_t free = getFreeSpace(destination);
+  // Only the packed total counts: the archives are not unpacked here. A
+  // total below zero fits anywhere.
+  if (total > 0 && free < static_cast<uint64_t>(total)) {
+    TOVEL_THROW(NotEnoughSpace) % free % total;
+  }
+}
+
+void RetrieveContentAction::transfer(const std::vector<DumpFile>& files,
+                                     int64_t total,
+                                     const std::string& destination,
+                                     const AccountIds& owner) {
+  FileRetrievalProgressUpdater updater(*status_, total,
+                                       static_cast<int>(files.size()));
+  for (const DumpFile& f : files) {
+    updater.startFile(static_cast<int64_t>(f.size));
+    status_->setCurrentFile(f.name, std::to_string(f.size));
+    status_->saveFile();
+    make_content_dir(parentOf(destination + "/" + f.name), owner, 0755);
+    if (checkMD5(f)) {
+      logger().debug("Skipping " + f.name + ": the local copy is complete");
+    } else {
+      fetchFile(f, destination, updater);
+    }
+    status_->setTransferFilesLeft(std::to_string(updater.fileDone()));
+    status_->saveFile();
+  }
+}
+
+void RetrieveContentAction::fetchFile(const DumpFile& f,
+                                      const std::string& destination,
+                                      FileRetrievalProgressUpdater& updater) {
+  std::string local = destination + "/" + f.name;
+  std::string remote = config_->agentDir + "/" + f.name;
+  logger().debug("Fetching " + remote + " to " + local);
+  std::ostringstream err;
+  if (getSsh()->get(remote, err, local, updater) != 0) {
+    TOVEL_THROW(CantRetrieveContentFile) % remote % config_->host % local %
+        err.str();
+  }
+  removeRemoteFile(remote);
+}
+
+// The archive is already safe here; a copy left behind on the source host
+// only costs space there, so removal never stops the transfer.
+void RetrieveContentAction::removeRemoteFile(const std::string& remote) {
+  ArgsBuilder command;
+  command << "rm" << remote;
+  std::ostringstream out, err;
+  try {
+    if (execRoot(command.str(), out, err, false) != 0) {
+      Exc<&UnableToRemoveRemoteFile> e(__PRETTY_FUNCTION__, __FILE__, __LINE__);
+      e % remote % config_->host % err.str();
+      debugLog(e);
+    }
+  } catch (const ExTraceable& e) {
+    debugLog(e);
+  } catch (const std::exception& e) {
+    Exc<&UnableToRemoveRemoteFile> wrapped(__PRETTY_FUNCTION__, __FILE__,
+                                           __LINE__);
+    wrapped % remote % config_->host % e.what();
+    debugLog(wrapped);
+  } catch (...) {
+    Exc<&UnableToRemoveRemoteFile> wrapped(__PRETTY_FUNCTION__, __FILE__,
+                                           __LINE__);
+    wrapped % remote % config_->host % "Unknown internal exception occured";
+    debugLog(wrapped);
+  }
+}
+
+std::string RetrieveContentAction::destinationDir() const {
+  return config_->dumpsDir.empty() ? theSession->getCidFilesDir()
+                                   : config_->dumpsDir;
+}
+
+bool RetrieveContentAction::checkMD5(const DumpFile& f) {
+  std::string local = skipCandidate(f);
+  if (f.md5sum.empty()) return false;
+  std::ifstream in(local.c_str(), std::ios::binary);
+  if (!in.is_open()) return false;
+  return countMd5Sum(in) == f.md5sum;
+}
+
+void RetrieveContentAction::checkFile(const DumpFile& f) {
+  std::string local = skipCandidate(f);
+  try {
+    std::ifstream in(local.c_str(), std::ios::binary);
+    if (!in.is_open()) return;
+    std::string sum = countMd5Sum(in);
+    if (sum == f.md5sum || theLog == nullptr) return;
+    Exc<&WrongMd5Sum> e(__PRETTY_FUNCTION__, __FILE__, __LINE__);
+    // The expected sum stands where the message says "has": the panel's
+    // readers of the record expect this order.
+    e % f.name % f.md5sum % sum;
+    theLog->log(e);
+  } catch (const std::exception& e) {
+    logger().debug("Unable to check " + local + ": " + e.what());
+  }
+}
+
+}  // namespace tovel

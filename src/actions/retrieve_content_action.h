@@ -1,0 +1,94 @@
+// "--get-content": fetches the content archives that the agent packed on
+// the source host, skipping those whose local copy already has the listed
+// MD5 sum, and removes each fetched archive on the source host.
+#ifndef FERROW_ACTIONS_RETRIEVE_CONTENT_ACTION_H_
+#define FERROW_ACTIONS_RETRIEVE_CONTENT_ACTION_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "actions/action.h"
+#include "commons/accounts.h"
+#include "xml/agent_file_list.h"
+
+namespace tovel {
+
+// Writes the transfer figures into the status document after every chunk
+// received, without throttling: each chunk rewrites "migration.status".
+class FileRetrievalProgressUpdater : public Ssh::Counter {
+ public:
+  typedef std::time_t (*Clock)();
+
+  // The transfer phase starts now (by clock); nothing is received yet.
+  // status must outlive the updater.
+  FileRetrievalProgressUpdater(MigrationStatus& status, int64_t totalSize,
+                               int files, Clock clock = &currentTime);
+
+  // Counts a chunk of n bytes, then sets the speed (bytes per second since
+  // the start, "0" within the first second), the size left and the current
+  // file's size left, and saves. Throws the document's save errors.
+  void operator()(long n);
+  void update(std::size_t bytes) override;
+
+  // Before each file of the list: its listed size is what is left of it.
+  void startFile(int64_t size) { currentFileSizeLeft_ = size; }
+  // After each file, fetched or skipped; returns the files left.
+  int fileDone() { return --filesLeft_; }
+
+  int64_t transferred() const { return transferred_; }
+  int64_t sizeLeft() const { return sizeLeft_; }
+
+  static std::time_t currentTime();
+
+ private:
+  MigrationStatus& status_;
+  Clock clock_;
+  std::time_t startTime_;
+  int64_t transferred_ = 0;
+  int64_t sizeLeft_;
+  int filesLeft_;
+  int64_t currentFileSizeLeft_ = 0;
+};
+
+class RetrieveContentAction : public Action {
+ public:
+  RetrieveContentAction() : Action(true) {}
+
+  // Asks the agent (as root) for its content list, checks the free space of
+  // the destination directory ("--dumps-dir", else the session directory)
+  // unless "--no-check-space", fetches each archive not already present and
+  // removes it on the source host (a failed removal is only logged), then
+  // writes the session's "dump-name" and "migration-result-name". Every
+  // error of the family is wrapped in CantRetrieveDump; files fetched before
+  // a failure stay.
+  void execute() override;
+
+  // True when the session directory holds a file of f's base name with
+  // f's MD5 sum; false for an empty listed sum or a missing file. Throws
+  // StreamRead when the local file cannot be read through.
+  bool checkMD5(const DumpFile& f);
+
+  // Writes WrongMd5Sum to the run record when the local copy (found as
+  // checkMD5 finds it) exists and has another sum. Never throws; does
+  // nothing without a run record.
+  void checkFile(const DumpFile& f);
+
+ private:
+  void retrieve();
+  std::unique_ptr<AgentFileList> fetchFileList();
+  void checkSpace(const std::string& destination, int64_t total);
+  void transfer(const std::vector<DumpFile>& files, int64_t total,
+                const std::string& destination, const AccountIds& owner);
+  void fetchFile(const DumpFile& f, const std::string& destination,
+                 FileRetrievalProgressUpdater& updater);
+  void removeRemoteFile(const std::string& remote);
+  std::string destinationDir() const;
+};
+
+}  // namespace tovel
+
+#endif  // FERROW_ACTIONS_RETRIEVE_CONTENT_ACTION_H_
