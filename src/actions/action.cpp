@@ -183,7 +183,9 @@ void Action::doAlarm() {
 }
 
 void update_status(int) {
-  if (pAction != nullptr) pAction->setAlarmFunction();
+  // Once nobody is armed (the dump is over) the timer stops.
+  if (pAction == nullptr) return;
+  pAction->setAlarmFunction();
   struct sigaction action = {};
   action.sa_handler = update_status;
   sigemptyset(&action.sa_mask);

@@ -87,8 +87,8 @@ class Action : public Alarm {
 // The action that the SIGALRM handler arms; null when none should be.
 extern Action* pAction;
 
-// The SIGALRM handler: arms pAction (if any), reinstalls itself and asks
-// for the next signal in 5 seconds.
+// The SIGALRM handler: while pAction is set, arms it, reinstalls itself and
+// asks for the next signal in 5 seconds; otherwise does nothing.
 void update_status(int signal);
 
 }  // namespace tovel

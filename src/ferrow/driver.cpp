@@ -3,14 +3,19 @@
 #include <cstdlib>
 #include <ctime>
 #include <iostream>
+#include <vector>
 
+#include "actions/get_dumping_status_action.h"
 #include "actions/remove_agent_action.h"
 #include "actions/remove_dumping_status_action.h"
+#include "actions/retrieve_content_action.h"
+#include "actions/retrieve_dump_action.h"
 #include "actions/send_agent_action.h"
 #include "actions/send_scout_action.h"
 #include "commons/dyr_conf.h"
 #include "commons/session_files.h"
 #include "errors/tags.h"
+#include "ferrow/dump_options.h"
 #include "ferrow/options.h"
 #include "log/debug_log.h"
 #include "log/run_log.h"
@@ -121,6 +126,17 @@ Action* getActionByIdInternal(const config& cfg) {
       return new SendScoutAction();
     case kDeployAgent:
       return new SendAgentAction();
+    case kGetDumpingStatus:
+      return new GetDumpingStatusAction();
+    case kDumpSelected:
+    case kDumpAll: {
+      std::vector<std::string> arguments;
+      std::string input;
+      buildDumpArguments(cfg, arguments, input);
+      return new RetrieveDumpAction(arguments, input);
+    }
+    case kGetContent:
+      return new RetrieveContentAction();
     case kRemoveAgent:
       return new RemoveAgentAction();
     case kRemoveDumpingStatus:

@@ -8,6 +8,7 @@
 #include <log4cpp/Category.hh>
 
 #include "errors/tags.h"
+#include "transport/alarm_signal_guard.h"
 #include "transport/libssh2_errors.h"
 
 namespace tovel {
@@ -41,6 +42,7 @@ Session::Session(int socket, bool noEncryption, bool compatibility)
     preferMethod(LIBSSH2_METHOD_KEX, "diffie-hellman-group1-sha1");
   }
   libssh2_session_set_timeout(get(), kBlockingCallTimeoutMs);
+  AlarmSignalGuard noAlarm;
   if (libssh2_session_handshake(get(), socket) != 0) {
     std::string message = lastErrorText(get());
     logger().error("SSH session was not started: " + message);
@@ -90,6 +92,7 @@ void Session::getAuthMethodsList(const std::string& user,
 
 void Session::authorize(const std::string& user, const std::string& password) {
   logger().debug("Requested authorization for user " + user);
+  AlarmSignalGuard noAlarm;
   std::vector<std::string> methods;
   getAuthMethodsList(user, methods);
   bool done = offers(methods, "password") && tryPassword(user, password);
@@ -159,6 +162,7 @@ std::unique_ptr<Channel> Session::openSessionChannel() {
 std::unique_ptr<Channel> Session::openExecChannel(const std::string& command,
                                                   Channel::Mode mode) {
   logger().debug("Opening SSH channel for command '" + command + "'");
+  AlarmSignalGuard noAlarm;
   libssh2_session_set_blocking(get(), Channel::kBlocking);
   std::unique_ptr<Channel> channel = openSessionChannel();
   int rc = libssh2_channel_process_startup(channel->get(), "exec", 4,
@@ -176,6 +180,7 @@ std::unique_ptr<Channel> Session::openExecChannel(const std::string& command,
 
 void Session::create_reserve_channel() {
   logger().debug("Create a reserve channel");
+  AlarmSignalGuard noAlarm;
   libssh2_session_set_blocking(get(), Channel::kBlocking);
   reserveChannel_.reset();
   reserveChannel_ = openSessionChannel();
