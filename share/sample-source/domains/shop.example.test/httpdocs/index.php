@@ -1,0 +1,1 @@
+<?php echo "Shop of example.test"; ?>
