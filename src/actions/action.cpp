@@ -182,15 +182,19 @@ void Action::doAlarm() {
   }
 }
 
-void update_status(int) {
-  // Once nobody is armed (the dump is over) the timer stops.
-  if (pAction == nullptr) return;
-  pAction->setAlarmFunction();
+void installStatusAlarmHandler() {
   struct sigaction action = {};
   action.sa_handler = update_status;
   sigemptyset(&action.sa_mask);
   action.sa_flags = 0;
   sigaction(SIGALRM, &action, nullptr);
+}
+
+void update_status(int) {
+  // Once nobody is armed (the dump is over) the timer stops.
+  if (pAction == nullptr) return;
+  pAction->setAlarmFunction();
+  installStatusAlarmHandler();
   alarm(kStatusPullSeconds);
 }
 

@@ -87,6 +87,9 @@ class Action : public Alarm {
 // The action that the SIGALRM handler arms; null when none should be.
 extern Action* pAction;
 
+// Installs update_status as the SIGALRM handler (flags 0).
+void installStatusAlarmHandler();
+
 // The SIGALRM handler: while pAction is set, arms it, reinstalls itself and
 // asks for the next signal in 5 seconds; otherwise does nothing.
 void update_status(int signal);

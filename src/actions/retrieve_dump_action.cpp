@@ -29,11 +29,7 @@ class StatusPullScope {
  public:
   explicit StatusPullScope(Action* action) {
     pAction = action;
-    struct sigaction handler = {};
-    handler.sa_handler = update_status;
-    sigemptyset(&handler.sa_mask);
-    handler.sa_flags = 0;
-    sigaction(SIGALRM, &handler, nullptr);
+    installStatusAlarmHandler();
     alarm(kStatusPullSeconds);
   }
   ~StatusPullScope() {
