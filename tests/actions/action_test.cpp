@@ -17,6 +17,7 @@
 #include "errors/tags.h"
 #include "support/ferrow_runner.h"
 #include "support/log_capture.h"
+#include "support/source_login.h"
 #include "support/sshd_server.h"
 
 namespace tovel {
@@ -69,13 +70,7 @@ class ActionTest : public ::testing::Test {
   // `sudoPassword`.
   void configure(const TestAccount& account, bool sudo,
                  const std::string& sudoPassword) {
-    cfg_.host = "127.0.0.1";
-    cfg_.port = SshdServer::shared().port();
-    cfg_.login = account.name;
-    cfg_.password = account.password;
-    cfg_.sudo = sudo;
-    cfg_.sudoPasswordProvided = sudo;
-    cfg_.sudoPassword = sudoPassword;
+    ferrow_test::loginAs(&cfg_, account, sudo, &sudoPassword);
     cfg_.agentDir = dir_.path();
     chmod(dir_.path().c_str(), 0755);
     action_.setConfig(&cfg_);

@@ -34,6 +34,7 @@
 #include "log/run_log.h"
 #include "support/ferrow_runner.h"
 #include "support/log_capture.h"
+#include "support/source_login.h"
 #include "support/sshd_server.h"
 
 namespace tovel {
@@ -182,13 +183,7 @@ class RetrieveContentActionTest : public ::testing::Test {
   }
 
   void configure(const TestAccount& account, bool sudo) {
-    cfg_.host = "127.0.0.1";
-    cfg_.port = SshdServer::shared().port();
-    cfg_.login = account.name;
-    cfg_.password = account.password;
-    cfg_.sudo = sudo;
-    cfg_.sudoPasswordProvided = sudo;
-    cfg_.sudoPassword = sudo ? account.password : "";
+    ferrow_test::loginAs(&cfg_, account, sudo);
     cfg_.agentDir = agentDir_;
     cfg_.agentName = "fakeagent";
   }

@@ -19,6 +19,7 @@
 #include "errors/tags.h"
 #include "support/ferrow_runner.h"
 #include "support/log_capture.h"
+#include "support/source_login.h"
 #include "support/sshd_server.h"
 
 namespace tovel {
@@ -76,13 +77,7 @@ class DumpActionTest : public ::testing::Test {
   }
 
   void login(const TestAccount& account, bool sudo) {
-    cfg_.host = "127.0.0.1";
-    cfg_.port = SshdServer::shared().port();
-    cfg_.login = account.name;
-    cfg_.password = account.password;
-    cfg_.sudo = sudo;
-    cfg_.sudoPasswordProvided = sudo;
-    cfg_.sudoPassword = sudo ? account.password : "";
+    ferrow_test::loginAs(&cfg_, account, sudo);
   }
 
   // Puts an agent into the catalogue (names are cached per process, so each

@@ -20,6 +20,7 @@
 #include "errors/tags.h"
 #include "support/ferrow_runner.h"
 #include "support/log_capture.h"
+#include "support/source_login.h"
 #include "support/sshd_server.h"
 #include "xml/agent_deployment_status.h"
 
@@ -105,13 +106,7 @@ class SendAgentActionTest : public ::testing::Test {
   }
 
   void configure(const TestAccount& account, bool sudo) {
-    cfg_.host = "127.0.0.1";
-    cfg_.port = SshdServer::shared().port();
-    cfg_.login = account.name;
-    cfg_.password = account.password;
-    cfg_.sudo = sudo;
-    cfg_.sudoPasswordProvided = sudo;
-    cfg_.sudoPassword = sudo ? account.password : "";
+    ferrow_test::loginAs(&cfg_, account, sudo);
     cfg_.agentDir = remote_;
     cfg_.agentName = agent_;
   }

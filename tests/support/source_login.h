@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "commons/config.h"
 #include "support/sshd_server.h"
 
 namespace ferrow_test {
@@ -36,6 +37,20 @@ inline SourceLogin sourceLogin(const TestAccount& account, bool sudo) {
 // The two ways ferrow gets root on a source host.
 inline std::vector<SourceLogin> rootLogins() {
   return {sourceLogin(rootAccount(), false), sourceLogin(sudoAccount(), true)};
+}
+
+// The same for an action run in-process: fills the login fields of cfg.
+// With sudo, sudoPassword is the account's own unless given.
+inline void loginAs(tovel::config* cfg, const TestAccount& account, bool sudo,
+                    const std::string* sudoPassword = nullptr) {
+  cfg->host = "127.0.0.1";
+  cfg->port = SshdServer::shared().port();
+  cfg->login = account.name;
+  cfg->password = account.password;
+  cfg->sudo = sudo;
+  cfg->sudoPasswordProvided = sudo;
+  cfg->sudoPassword =
+      sudoPassword ? *sudoPassword : (sudo ? account.password : "");
 }
 
 // login.args followed by `more`.
