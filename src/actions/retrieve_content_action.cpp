@@ -77,7 +77,11 @@ FileRetrievalProgressUpdater::FileRetrievalProgressUpdater(
       clock_(clock),
       startTime_(clock()),
       sizeLeft_(totalSize),
-      filesLeft_(files) {}
+      filesLeft_(files),
+      sizeTotal_(totalSize),
+      filesTotal_(files) {
+  report();
+}
 
 std::time_t FileRetrievalProgressUpdater::currentTime() {
   return std::time(nullptr);
@@ -92,13 +96,30 @@ void FileRetrievalProgressUpdater::operator()(long n) {
   currentFileSizeLeft_ -= n;
   transferred_ += n;
   std::time_t now = clock_();
-  int64_t speed = now == startTime_
-                      ? 0
-                      : transferred_ / static_cast<int64_t>(now - startTime_);
-  status_.setTransferSpeed(std::to_string(speed));
+  speed_ = now == startTime_
+               ? 0
+               : transferred_ / static_cast<int64_t>(now - startTime_);
+  status_.setTransferSpeed(std::to_string(speed_));
   status_.setTransferSizeLeft(std::to_string(sizeLeft_));
   status_.setTransferCurrentFileSizeLeft(std::to_string(currentFileSizeLeft_));
   status_.saveFile();
+  report();
+}
+
+int FileRetrievalProgressUpdater::fileDone() {
+  --filesLeft_;
+  report();
+  return filesLeft_;
+}
+
+void FileRetrievalProgressUpdater::report() const {
+  TransferFigures figures;
+  figures.filesTotal = filesTotal_;
+  figures.filesLeft = filesLeft_;
+  figures.sizeTotal = sizeTotal_;
+  figures.sizeLeft = sizeLeft_;
+  figures.speed = speed_;
+  reportTransferProgress(figures);
 }
 
 // --- RetrieveContentAction -------------------------------------------------

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "actions/action.h"
+#include "actions/transfer_progress.h"
 #include "commons/accounts.h"
 #include "xml/agent_file_list.h"
 
@@ -19,6 +20,7 @@ namespace tovel {
 
 // Writes the transfer figures into the status document after every chunk
 // received, without throttling: each chunk rewrites "migration.status".
+// The same figures go to the progress watcher, if any.
 class FileRetrievalProgressUpdater : public Ssh::Counter {
  public:
   typedef std::time_t (*Clock)();
@@ -37,7 +39,7 @@ class FileRetrievalProgressUpdater : public Ssh::Counter {
   // Before each file of the list: its listed size is what is left of it.
   void startFile(int64_t size) { currentFileSizeLeft_ = size; }
   // After each file, fetched or skipped; returns the files left.
-  int fileDone() { return --filesLeft_; }
+  int fileDone();
 
   int64_t transferred() const { return transferred_; }
   int64_t sizeLeft() const { return sizeLeft_; }
@@ -52,6 +54,12 @@ class FileRetrievalProgressUpdater : public Ssh::Counter {
   int64_t sizeLeft_;
   int filesLeft_;
   int64_t currentFileSizeLeft_ = 0;
+  int64_t sizeTotal_;
+  int filesTotal_;
+  int64_t speed_ = 0;
+
+  // Hands the figures to the progress watcher (transfer_progress.h).
+  void report() const;
 };
 
 class RetrieveContentAction : public Action {
