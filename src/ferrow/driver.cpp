@@ -12,6 +12,7 @@
 #include "actions/retrieve_dump_action.h"
 #include "actions/send_agent_action.h"
 #include "actions/send_scout_action.h"
+#include "actions/terminal_progress.h"
 #include "commons/dyr_conf.h"
 #include "commons/session_files.h"
 #include "errors/tags.h"
@@ -45,6 +46,11 @@ const ExitCodeRow kExitCodes[] = {
 int runAction(config& cfg) {
   readStandardInputList(cfg, std::cin);
   std::unique_ptr<Action> action = getActionById(cfg);
+  // A person at a terminal gets a progress line; the panel reads standard
+  // error through a pipe and sees the usual output only.
+  TerminalProgressController progress(cfg.action == kGetContent &&
+                                      cfg.verbose == 0 &&
+                                      standardErrorIsTerminal());
   action->execute();
   theLog->setSuccess(true);
   return 0;
