@@ -1,5 +1,6 @@
 #include "support/ferrow_runner.h"
 
+#include <gtest/gtest.h>
 #include <pwd.h>
 #include <stdlib.h>
 
@@ -43,6 +44,18 @@ const char kNamespaceScript[] =
     "exec \"$@\"\n";
 
 const char kCleanPath[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
+
+// A report of an instrumented binary fails the test even where the exit
+// code it forced happens to be the one the test expects.
+void expectNoSanitizerReport(const RunResult& result) {
+  for (const char* mark : {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
+                           "runtime error:"}) {
+    if (result.err.find(mark) != std::string::npos) {
+      ADD_FAILURE() << "sanitizer report from ferrow:\n" << result.err;
+      return;
+    }
+  }
+}
 
 // Whether /etc must be overlaid; throws for a target that could only be
 // made by changing the machine's own files.
@@ -192,8 +205,13 @@ RunResult FerrowInstallation::run(const RunOptions& options,
   for (const auto& entry : env)
     command.push_back(entry.first + "=" + entry.second);
   command.push_back(FERROW_BINARY);
+  // The wrapper runs the binary, inside the environment set up before it.
+  command.insert(command.end() - 1, wrapper_.begin(), wrapper_.end());
   command.insert(command.end(), args.begin(), args.end());
-  return runNamespaced(withDyr, root() + "/overlay", command, input);
+  RunResult result =
+      runNamespaced(withDyr, root() + "/overlay", command, input);
+  expectNoSanitizerReport(result);
+  return result;
 }
 
 }  // namespace ferrow_test

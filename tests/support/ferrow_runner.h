@@ -112,8 +112,15 @@ class FerrowInstallation {
                 const std::map<std::string, std::string>& env = {},
                 const std::string& input = "") const;
 
+  // Puts wrapper (a program and its options, e.g. valgrind and its) in front
+  // of the binary in every later run; it runs in the run's environment.
+  void setWrapper(const std::vector<std::string>& wrapper) {
+    wrapper_ = wrapper;
+  }
+
  private:
   TempDir dir_;
+  std::vector<std::string> wrapper_;
 };
 
 // The default properties file of a fixture installation.
