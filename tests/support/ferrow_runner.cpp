@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <boost/filesystem.hpp>
 #include <fstream>
@@ -17,13 +18,15 @@ namespace ferrow_test {
 namespace {
 
 // Arguments: scratch directory, whether to overlay /etc, whether the
-// network is isolated, the network set-up, the number of bind mounts, the
-// source/target pairs, then the command to exec. The overlay gives /etc a
-// private writable layer, so that missing mount points there exist in this
-// namespace only; it comes before the binds, which it would otherwise hide.
+// network is isolated, the network set-up, the mount set-up, the number of
+// bind mounts, the source/target pairs, then the command to exec. The
+// overlay gives /etc a private writable layer, so that missing mount points
+// there exist in this namespace only; it comes before the binds, which it
+// would otherwise hide.
 const char kNamespaceScript[] =
     "set -e\n"
-    "scratch=$1; overlay=$2; isolate=$3; setup=$4; count=$5; shift 5\n"
+    "scratch=$1; overlay=$2; isolate=$3; setup=$4; mounts=$5; count=$6\n"
+    "shift 6\n"
     "if [ \"$isolate\" = 1 ]; then\n"
     "  ip link set lo up\n"
     "  eval \"$setup\"\n"
@@ -41,6 +44,7 @@ const char kNamespaceScript[] =
     "  mount --bind \"$1\" \"$2\"\n"
     "  shift 2; count=$((count - 1))\n"
     "done\n"
+    "eval \"$mounts\"\n"
     "exec \"$@\"\n";
 
 const char kCleanPath[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
@@ -85,7 +89,7 @@ RunResult runNamespaced(const RunOptions& options, const std::string& scratch,
        << "-c" << kNamespaceScript << "sh" << scratch
        << (needsEtcOverlay(options) ? "1" : "0")
        << (options.isolateNetwork ? "1" : "0") << options.networkSetup
-       << std::to_string(options.binds.size());
+       << options.mountSetup << std::to_string(options.binds.size());
   for (const auto& bind : options.binds) argv << bind.first << bind.second;
   for (const std::string& arg : command) argv << arg;
   RunResult result;
@@ -93,6 +97,36 @@ RunResult runNamespaced(const RunOptions& options, const std::string& scratch,
       input, result.out, result.err, "unshare", argv, "", {});
   return result;
 }
+
+std::string singleQuoted(const std::string& value) {
+  std::string quoted = "'";
+  for (char c : value)
+    quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
+}
+
+// The variables of a run as a file of shell exports, read by the shell that
+// starts ferrow: passwords then never stand in any process's arguments.
+class EnvFile {
+ public:
+  EnvFile(const std::string& dir, const std::map<std::string, std::string>& env)
+      : path_(dir + "/run-env-XXXXXX") {
+    int fd = mkstemp(&path_[0]);
+    if (fd < 0) throw std::runtime_error("mkstemp failed in " + dir);
+    close(fd);
+    std::string text;
+    for (const auto& entry : env)
+      text += "export " + entry.first + "=" + singleQuoted(entry.second) + "\n";
+    writeFile(path_, text);
+  }
+  ~EnvFile() { unlink(path_.c_str()); }
+  EnvFile(const EnvFile&) = delete;
+  EnvFile& operator=(const EnvFile&) = delete;
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
 
 }  // namespace
 
@@ -201,10 +235,11 @@ RunResult FerrowInstallation::run(const RunOptions& options,
                                   const std::string& input) const {
   RunOptions withDyr = options;
   withDyr.binds.insert(withDyr.binds.begin(), {etcDyr(), "/etc/dyr"});
-  std::vector<std::string> command = {"env", "-i", kCleanPath};
-  for (const auto& entry : env)
-    command.push_back(entry.first + "=" + entry.second);
-  command.push_back(FERROW_BINARY);
+  EnvFile envFile(root(), env);
+  std::vector<std::string> command = {"env",          "-i",
+                                      kCleanPath,     "sh",
+                                      "-c",           ". \"$0\"; exec \"$@\"",
+                                      envFile.path(), FERROW_BINARY};
   // The wrapper runs the binary, inside the environment set up before it.
   command.insert(command.end() - 1, wrapper_.begin(), wrapper_.end());
   command.insert(command.end(), args.begin(), args.end());

@@ -55,6 +55,10 @@ struct RunOptions {
   // run. No packet can leave such a namespace.
   bool isolateNetwork = false;
   std::string networkSetup;
+  // Shell commands run in the mount namespace after the bind mounts, e.g.
+  // "mount -t tmpfs -o size=1m tmpfs /some/dir": what they mount is seen by
+  // the program only.
+  std::string mountSetup;
 };
 
 // Network set-ups for an isolated namespace, each with the address whose
