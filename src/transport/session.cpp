@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <chrono>
 #include <log4cpp/Category.hh>
 
 #include "errors/tags.h"
@@ -42,12 +43,7 @@ Session::Session(int socket, bool noEncryption, bool compatibility)
     preferMethod(LIBSSH2_METHOD_KEX, "diffie-hellman-group1-sha1");
   }
   libssh2_session_set_timeout(get(), kBlockingCallTimeoutMs);
-  AlarmSignalGuard noAlarm;
-  if (libssh2_session_handshake(get(), socket) != 0) {
-    std::string message = lastErrorText(get());
-    logger().error("SSH session was not started: " + message);
-    TOVEL_THROW(UnableToStartSshSession) % message;
-  }
+  handshake();
   const char* cipher = libssh2_session_methods(get(), LIBSSH2_METHOD_CRYPT_SC);
   logger().debug(std::string("Selected ") + (cipher ? cipher : "") +
                  " encryption method");
@@ -57,6 +53,33 @@ Session::Session(int socket, bool noEncryption, bool compatibility)
 Session::~Session() {
   reserveChannel_.reset();
   logger().debug("SSH session finished");
+}
+
+// A peer that accepts the connection but never completes the handshake (no
+// SSH server behind the port, or one that trickles lines) must not hold the
+// run: the whole handshake, not each wait in it, gets one deadline.
+void Session::handshake() {
+  AlarmSignalGuard noAlarm;
+  libssh2_session_set_blocking(get(), 0);
+  auto deadline = std::chrono::steady_clock::now() +
+                  std::chrono::milliseconds(kHandshakeTimeoutMs);
+  int rc;
+  while ((rc = libssh2_session_handshake(get(), socket_)) ==
+         LIBSSH2_ERROR_EAGAIN) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) break;
+    waitSocket(static_cast<int>(left.count()));
+  }
+  libssh2_session_set_blocking(get(), 1);
+  if (rc == 0) return;
+  std::string message =
+      rc == LIBSSH2_ERROR_EAGAIN
+          ? "no SSH handshake from the server within " +
+                std::to_string(kHandshakeTimeoutMs / 1000) + " seconds"
+          : lastErrorText(get());
+  logger().error("SSH session was not started: " + message);
+  TOVEL_THROW(UnableToStartSshSession) % message;
 }
 
 void Session::preferMethod(int method, const char* preference) {

@@ -31,12 +31,18 @@ class Session : public Handle<LIBSSH2_SESSION*, SessionFree> {
   // Bound on every blocking library call (handshake, login, channel open
   // and close): a peer that stops answering cannot hang the run.
   static constexpr long kBlockingCallTimeoutMs = 30000;
+  // Bound on the whole handshake (greeting and key exchange) of one start.
+  // A server answers within a second; with the compatibility retry a
+  // silent peer costs at most twice this.
+  static constexpr long kHandshakeTimeoutMs = 10000;
 
   // Starts SSH on the connected descriptor `socket` (not owned). With
   // noEncryption asks for cipher "none" both ways; with compatibility asks
   // for key exchange "diffie-hellman-group1-sha1". Throws
   // UnableToStartSshSession with the library's text when the handshake or
-  // a method preference fails, InvalidHandle when no session can be made.
+  // a method preference fails, or with "no SSH handshake from the server
+  // within 10 seconds" when the handshake outlasts kHandshakeTimeoutMs;
+  // InvalidHandle when no session can be made.
   Session(int socket, bool noEncryption, bool compatibility);
   // Drops the reserve channel, logs "SSH session finished", frees the
   // session (no disconnect message).
@@ -81,6 +87,7 @@ class Session : public Handle<LIBSSH2_SESSION*, SessionFree> {
                                 void** abstract);
 
  private:
+  void handshake();
   void preferMethod(int method, const char* preference);
   bool tryPassword(const std::string& user, const std::string& password);
   bool tryKeyboardInteractive(const std::string& user,

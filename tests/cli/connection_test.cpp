@@ -6,15 +6,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <pwd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <map>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/ferrow_runner.h"
@@ -54,6 +57,59 @@ class ClosedPort {
  private:
   int fd_;
   unsigned short port_ = 0;
+};
+
+// A port of 127.0.0.1 that accepts TCP but never speaks SSH. Silent: the
+// kernel completes connections on the backlog and nobody ever reads or
+// writes. Trickling: one thread accepts each connection and sends a byte of
+// a never-ending first line every 200 ms, so no single wait of the client
+// runs long, for at most a minute.
+class MuteServer {
+ public:
+  enum Kind { kSilent, kTrickling };
+  explicit MuteServer(Kind kind)
+      : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof(address);
+    if (fd_ < 0 ||
+        bind(fd_, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
+        getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &size) != 0 ||
+        listen(fd_, 8) != 0) {
+      throw std::runtime_error("cannot listen on 127.0.0.1");
+    }
+    port_ = ntohs(address.sin_port);
+    if (kind == kTrickling) trickler_ = std::thread([this] { trickle(); });
+  }
+  ~MuteServer() {
+    stop_ = true;
+    shutdown(fd_, SHUT_RDWR);
+    if (trickler_.joinable()) trickler_.join();
+    close(fd_);
+  }
+  MuteServer(const MuteServer&) = delete;
+  MuteServer& operator=(const MuteServer&) = delete;
+  unsigned short port() const { return port_; }
+
+ private:
+  void trickle() {
+    std::vector<int> clients;
+    for (int round = 0; round < 300 && !stop_; ++round) {
+      pollfd entry = {fd_, POLLIN, 0};
+      if (poll(&entry, 1, 200) == 1 && (entry.revents & POLLIN)) {
+        int client = accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (client >= 0) clients.push_back(client);
+      }
+      for (int client : clients) send(client, "x", 1, MSG_NOSIGNAL);
+    }
+    for (int client : clients) close(client);
+  }
+
+  int fd_;
+  unsigned short port_ = 0;
+  std::atomic<bool> stop_{false};
+  std::thread trickler_;
 };
 
 void check(bool ok, const std::string& what) {
@@ -294,6 +350,27 @@ TEST_F(ConnectionTest, ClosedPortExitsWith11) {
                 "ConnectionRefused");
 }
 
+// Each start (and its retry in compatibility mode) gives up 10 s after
+// the connection is made, however the peer behaves meanwhile.
+TEST_F(ConnectionTest, PeerThatNeverSpeaksSshEndsTheRunInBoundedTime) {
+  for (MuteServer::Kind kind : {MuteServer::kSilent, MuteServer::kTrickling}) {
+    MuteServer mute(kind);
+    FerrowInstallation install;
+    Removal request = removal(rootAccount(), "/nonexistent-ferrow-agent");
+    request.port = mute.port();
+    Clock::time_point start = Clock::now();
+    RunResult r = run(install, request);
+    double seconds =
+        std::chrono::duration<double>(Clock::now() - start).count();
+    EXPECT_GE(seconds, 19.0) << kind;
+    EXPECT_LT(seconds, 40.0) << kind;
+    expectFailure(install, r, 2,
+                  "Unable to start SSH session: no SSH handshake from the "
+                  "server within 10 seconds",
+                  "UnableToStartSshSession");
+  }
+}
+
 TEST_F(ConnectionTest, UnknownHostExitsWith16) {
   FerrowInstallation install;
   Removal request = removal(rootAccount(), "/nonexistent-ferrow-agent");
@@ -361,8 +438,7 @@ TEST_F(ConnectionTest, EveryAddressOfANameIsTriedInTurn) {
   ASSERT_EQ(0, order.exitCode) << order.err;
   // glibc lists ::1 only on hosts with a global IPv6 address.
   if (order.out.rfind("::1 ", 0) != 0) {
-    GTEST_SKIP() << "the resolver does not list ::1 first here:\n"
-                 << order.out;
+    GTEST_SKIP() << "the resolver does not list ::1 first here:\n" << order.out;
   }
 
   TempDir scratch;
