@@ -13,11 +13,6 @@ namespace {
 
 const std::streamsize kChunk = 4096;
 
-struct DigestFree {
-  void operator()(EVP_MD_CTX* ctx) const { EVP_MD_CTX_free(ctx); }
-};
-typedef std::unique_ptr<EVP_MD_CTX, DigestFree> DigestContext;
-
 std::string bin2ascii(const unsigned char* data, unsigned len) {
   std::string text;
   text.reserve(2 * len);
@@ -29,40 +24,43 @@ std::string bin2ascii(const unsigned char* data, unsigned len) {
   return text;
 }
 
-DigestContext startMd5() {
-  DigestContext ctx(EVP_MD_CTX_new());
-  if (!ctx) TOVEL_THROW(InvalidHandle);
-  EVP_DigestInit(ctx.get(), EVP_md5());
-  return ctx;
+}  // namespace
+
+Md5Digest::Md5Digest() : ctx_(EVP_MD_CTX_new()) {
+  if (!ctx_) TOVEL_THROW(InvalidHandle);
+  EVP_DigestInit(ctx_.get(), EVP_md5());
 }
 
-std::string finishMd5(EVP_MD_CTX* ctx) {
+void Md5Digest::update(const char* data, std::size_t size) {
+  if (size > 0) EVP_DigestUpdate(ctx_.get(), data, size);
+}
+
+std::string Md5Digest::finish() {
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned len = 0;
-  EVP_DigestFinal(ctx, digest, &len);
+  EVP_DigestFinal(ctx_.get(), digest, &len);
+  EVP_DigestInit(ctx_.get(), EVP_md5());
   return bin2ascii(digest, len);
 }
 
-}  // namespace
-
 std::string countMd5Sum(std::istream& in) {
-  DigestContext ctx = startMd5();
+  Md5Digest digest;
   std::vector<char> buffer(kChunk);
   for (;;) {
     if (!in) {
-      if (in.eof()) return finishMd5(ctx.get());
+      if (in.eof()) return digest.finish();
       TOVEL_THROW(StreamRead);
     }
     in.read(buffer.data(), kChunk);
     if (!in && !in.eof()) TOVEL_THROW(StreamRead);
-    EVP_DigestUpdate(ctx.get(), buffer.data(), in.gcount());
+    digest.update(buffer.data(), static_cast<std::size_t>(in.gcount()));
   }
 }
 
 std::string countMd5Sum(const std::string& data) {
-  DigestContext ctx = startMd5();
-  if (!data.empty()) EVP_DigestUpdate(ctx.get(), data.data(), data.size());
-  return finishMd5(ctx.get());
+  Md5Digest digest;
+  digest.update(data.data(), data.size());
+  return digest.finish();
 }
 
 }  // namespace tovel

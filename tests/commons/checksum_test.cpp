@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <sstream>
 #include <streambuf>
 #include <string>
@@ -42,6 +43,23 @@ TEST(ChecksumTest, SizesAroundTheChunkMatchMd5sum) {
   in.ignore(100);  // only what is left is digested
   EXPECT_EQ("6039be120233908f909d62bd51d5cb5c", countMd5Sum(in));
   EXPECT_EQ("d41d8cd98f00b204e9800998ecf8427e", countMd5Sum(in));
+}
+
+// Pieces of any size, empty ones included, give the sum of the whole.
+TEST(ChecksumTest, DigestFedInPiecesMatchesTheWhole) {
+  const std::string data = patternBytes(3 * 4096 + 5);
+  Md5Digest digest;
+  size_t offset = 0;
+  for (size_t piece : {0, 1, 4095, 0, 7000, 100000}) {
+    size_t size = std::min(piece, data.size() - offset);
+    digest.update(data.data() + offset, size);
+    offset += size;
+  }
+  EXPECT_EQ("cc833795b72f2cec1c83e834eebc47c6", digest.finish());
+  // Finishing starts a new sum.
+  EXPECT_EQ("d41d8cd98f00b204e9800998ecf8427e", digest.finish());
+  digest.update("\x03", 1);
+  EXPECT_EQ("8666683506aacd900bbd5a74ac4edf68", digest.finish());
 }
 
 // Serves some bytes, then fails like a device error.
