@@ -10,6 +10,7 @@
 #include "commons/sh_quote.h"
 #include "errors/tags.h"
 #include "transport/command_pump.h"
+#include "transport/receiving_file.h"
 
 namespace tovel {
 namespace {
@@ -105,21 +106,35 @@ int Ssh::get(std::ostream& out, const std::string& remotePath) {
 
 int Ssh::get(const std::string& remotePath, std::ostream& err,
              const std::string& localPath, Counter& counter) {
+  Receipt receipt = receive(remotePath, err, localPath, counter);
+  if (!receipt.writeError.empty()) {
+    logger().error("Unable to receive " + remotePath + ": " +
+                   receipt.writeError);
+    TOVEL_THROW(StreamWrite);
+  }
+  return receipt.status;
+}
+
+Ssh::Receipt Ssh::receive(const std::string& remotePath, std::ostream& err,
+                          const std::string& localPath, Counter& counter) {
   logger().debug("Reading data to the file " + localPath);
-  std::ofstream file(localPath.c_str(), std::ios::binary | std::ios::trunc);
-  if (!file) {
-    logger().error("Unable to create " + localPath + ": " + strerror(errno));
-    TOVEL_THROW(StreamWrite);
+  Receipt receipt;
+  ReceivingFile file(localPath);
+  if (file.error().empty()) {
+    std::istringstream empty;
+    try {
+      receipt.status = exec(catCommand("", remotePath), empty, file, err, true,
+                            true, counter);
+    } catch (const Exc<&StreamWrite>&) {
+      // Another stream failed: not the receiving file's business.
+      if (file.error().empty()) throw;
+    }
   }
-  std::istringstream empty;
-  int status =
-      exec(catCommand("", remotePath), empty, file, err, true, true, counter);
   file.close();
-  if (!file) {
-    logger().error("Unable to write " + localPath + ": " + strerror(errno));
-    TOVEL_THROW(StreamWrite);
-  }
-  return status;
+  receipt.bytes = file.bytes();
+  receipt.md5sum = file.md5sum();
+  receipt.writeError = file.error();
+  return receipt;
 }
 
 int Ssh::get(const std::string& remotePath, const std::string& localPath) {

@@ -5,6 +5,7 @@
 #define FERROW_TRANSPORT_SSH_TRANSFER_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <iosfwd>
 #include <memory>
 #include <string>
@@ -67,6 +68,24 @@ class Ssh {
   int get(const std::string& remotePath, std::ostream& err,
           const std::string& localPath, Counter& counter);
   int get(const std::string& remotePath, const std::string& localPath);
+
+  // What a fetch into a local file delivered.
+  struct Receipt {
+    // Exit status of "cat"; -1 when the fetch stopped at a local write
+    // failure before the command ended.
+    int status = -1;
+    uint64_t bytes = 0;  // bytes written to the local file
+    std::string md5sum;  // MD5 of those bytes, taken as they were written
+    // Empty when the file was created, written, flushed to the disk and
+    // closed without error; else what failed first.
+    std::string writeError;
+  };
+  // Reads a remote file with "cat" into a new (truncated) local file,
+  // counting and summing the bytes on the way; cat's error text goes to
+  // `err`. A local write failure stops the fetch at once and is reported
+  // in the receipt, not thrown. Throws what exec throws otherwise.
+  Receipt receive(const std::string& remotePath, std::ostream& err,
+                  const std::string& localPath, Counter& counter);
 
   // Writes a stream or a local file to a remote path with "cat >". The
   // remote status is not checked; a local file that cannot be read throws

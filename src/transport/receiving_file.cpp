@@ -1,0 +1,79 @@
+#include "transport/receiving_file.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <unistd.h>
+
+namespace tovel {
+
+ReceivingFile::ReceivingFile(const std::string& path)
+    : std::ostream(&buffer_), buffer_(path) {
+  if (!buffer_.error().empty()) setstate(std::ios::badbit);
+}
+
+ReceivingFile::~ReceivingFile() = default;
+
+bool ReceivingFile::close() {
+  if (!buffer_.close()) setstate(std::ios::badbit);
+  return buffer_.error().empty();
+}
+
+ReceivingFile::Buffer::Buffer(const std::string& path)
+    : path_(path),
+      fd_(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC,
+                 0666)) {
+  if (fd_ < 0) fail("cannot create", errno);
+}
+
+ReceivingFile::Buffer::~Buffer() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+// The archive's source copy is removed once this returns true, so the data
+// must be on the disk, not only in the page cache.
+bool ReceivingFile::Buffer::close() {
+  if (fd_ < 0) {
+    if (error_.empty()) error_ = "cannot write " + path_ + ": already closed";
+    return false;
+  }
+  if (error_.empty() && fsync(fd_) != 0) fail("cannot write", errno);
+  if (::close(fd_) != 0 && error_.empty()) fail("cannot close", errno);
+  fd_ = -1;
+  return error_.empty();
+}
+
+ReceivingFile::Buffer::int_type ReceivingFile::Buffer::overflow(int_type c) {
+  if (traits_type::eq_int_type(c, traits_type::eof())) {
+    return traits_type::not_eof(c);
+  }
+  char byte = traits_type::to_char_type(c);
+  return xsputn(&byte, 1) == 1 ? c : traits_type::eof();
+}
+
+// Counts and sums only what the file took: after a failed write the stream
+// is bad and the caller stops.
+std::streamsize ReceivingFile::Buffer::xsputn(const char* data,
+                                              std::streamsize size) {
+  if (fd_ < 0 || !error_.empty()) return 0;
+  std::streamsize done = 0;
+  while (done < size) {
+    ssize_t written = ::write(fd_, data + done, size - done);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) {
+      fail("cannot write", written < 0 ? errno : ENOSPC);
+      break;
+    }
+    digest_.update(data + done, static_cast<std::size_t>(written));
+    bytes_ += static_cast<uint64_t>(written);
+    done += written;
+  }
+  return done;
+}
+
+void ReceivingFile::Buffer::fail(const char* what, int err) {
+  if (error_.empty())
+    error_ = std::string(what) + " " + path_ + ": " + strerror(err);
+}
+
+}  // namespace tovel

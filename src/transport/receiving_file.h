@@ -1,0 +1,70 @@
+// ReceivingFile: a local file filled from a stream of received chunks. It
+// counts the bytes that reached the file and sums them with MD5 as they are
+// written, so a fetched archive can be checked without reading it back.
+#ifndef FERROW_TRANSPORT_RECEIVING_FILE_H_
+#define FERROW_TRANSPORT_RECEIVING_FILE_H_
+
+#include <cstdint>
+#include <ostream>
+#include <streambuf>
+#include <string>
+
+#include "commons/checksum.h"
+
+namespace tovel {
+
+class ReceivingFile : public std::ostream {
+ public:
+  // Creates or truncates path (mode 0666 less the umask). A file that
+  // cannot be created leaves the stream bad and error() set; nothing is
+  // thrown.
+  explicit ReceivingFile(const std::string& path);
+  // Closes the file if close() was not called; errors are then lost.
+  ~ReceivingFile() override;
+  ReceivingFile(const ReceivingFile&) = delete;
+  ReceivingFile& operator=(const ReceivingFile&) = delete;
+
+  // Flushes the file to the disk and closes it; false (error() set) when
+  // that or any earlier step failed. Later writes fail.
+  bool close();
+
+  // Bytes written to the file so far.
+  uint64_t bytes() const { return buffer_.bytes(); }
+  // MD5 of those bytes; meant to be read once, after the last write.
+  std::string md5sum() { return buffer_.md5sum(); }
+  // Empty while all went well, else what failed first, e.g. "cannot write
+  // /a/b: No space left on device".
+  const std::string& error() const { return buffer_.error(); }
+
+ private:
+  // Unbuffered: every chunk goes straight to write(2). Owns the
+  // descriptor.
+  class Buffer : public std::streambuf {
+   public:
+    explicit Buffer(const std::string& path);
+    ~Buffer() override;
+    bool close();
+    uint64_t bytes() const { return bytes_; }
+    std::string md5sum() { return digest_.finish(); }
+    const std::string& error() const { return error_; }
+
+   protected:
+    int_type overflow(int_type c) override;
+    std::streamsize xsputn(const char* data, std::streamsize size) override;
+
+   private:
+    void fail(const char* what, int err);
+
+    std::string path_;
+    int fd_;
+    uint64_t bytes_ = 0;
+    Md5Digest digest_;
+    std::string error_;
+  };
+
+  Buffer buffer_;
+};
+
+}  // namespace tovel
+
+#endif  // FERROW_TRANSPORT_RECEIVING_FILE_H_
