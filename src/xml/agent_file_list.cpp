@@ -1,7 +1,7 @@
 #include "xml/agent_file_list.h"
 
 #include <boost/lexical_cast.hpp>
-#include <type_traits>
+#include <limits>
 
 #include "xml/xml_errors.h"
 
@@ -9,21 +9,46 @@ namespace tovel {
 
 namespace {
 
+std::string elementName(xmlNodePtr node) {
+  return reinterpret_cast<const char*>(node->name);
+}
+
 // lexical_cast would wrap "-1" into a huge unsigned value: a minus sign is
-// refused up front.
+// refused up front. Sizes beyond the signed 64-bit range are refused too,
+// as every byte count downstream is signed.
 template <class Number>
 Number parseNumber(xmlNodePtr node, const char* attribute,
                    const std::string& value) {
   try {
-    if (std::is_unsigned<Number>::value && !value.empty() && value[0] == '-') {
+    if (!value.empty() && value[0] == '-') throw boost::bad_lexical_cast();
+    Number number = boost::lexical_cast<Number>(value);
+    if (static_cast<uint64_t>(number) >
+        static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) {
       throw boost::bad_lexical_cast();
     }
-    return boost::lexical_cast<Number>(value);
+    return number;
   } catch (const boost::bad_lexical_cast&) {
     TOVEL_THROW(tError_WrongContent) %
         (std::string("Attribute '") + attribute + "' of element '" +
-         reinterpret_cast<const char*>(node->name) +
-         "' is not a valid number: '" + value + "'.");
+         elementName(node) + "' is not a valid number: '" + value + "'.");
+  }
+}
+
+// The name is joined to the destination directory and to the agent
+// directory, whose file is then removed as root: it must stay inside both.
+void checkName(const std::string& name) {
+  bool escapes = name.empty() || name[0] == '/';
+  std::string::size_type start = 0;
+  while (!escapes && start <= name.size()) {
+    std::string::size_type end = name.find('/', start);
+    if (end == std::string::npos) end = name.size();
+    escapes = name.compare(start, end - start, "..") == 0;
+    start = end + 1;
+  }
+  if (escapes) {
+    TOVEL_THROW(tError_WrongContent) %
+        ("The content list names the file '" + name +
+         "': a name must be relative and must not contain '..'.");
   }
 }
 
@@ -43,6 +68,7 @@ std::vector<DumpFile> XmlAgentFileList::getFileList() const {
     }
     DumpFile file;
     file.name = getNodeText(node);
+    checkName(file.name);
     if (xmlHasProp(node, BAD_CAST "size") != nullptr) {
       file.size =
           parseNumber<uint64_t>(node, "size", getAttribute(node, "size"));

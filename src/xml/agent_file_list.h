@@ -21,7 +21,9 @@ struct DumpFile {
 
 // Each getter reads the document anew and throws its reading errors:
 // NoSuchAttribute for a missing required attribute, tError_WrongContent for
-// a value that is not a number of the expected kind.
+// a value that is not a number from 0 to 2^63-1, or for a file name that is
+// empty, absolute or has a ".." component (names are joined to local and
+// remote directories unchecked).
 class AgentFileList {
  public:
   virtual ~AgentFileList() = default;

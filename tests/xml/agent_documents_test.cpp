@@ -19,7 +19,7 @@ TEST(ContentListTest, FilesInDocumentOrderWithOptionalAttributes) {
       "a/one.tgz</file>\n"
       "  <note>skipped</note>\n"
       "  <file md5sum=\"abc\">two.tgz</file>\n"
-      "  <file size=\"18446744073709551615\">three.tgz</file>\n"
+      "  <file size=\"9223372036854775807\">./three.tgz</file>\n"
       "</contentlist>");
   EXPECT_EQ(9000000000LL, list->getTotalSize());
   EXPECT_EQ(12, list->getUnpackedSize());
@@ -30,7 +30,7 @@ TEST(ContentListTest, FilesInDocumentOrderWithOptionalAttributes) {
   }
   EXPECT_EQ(
       "a/one.tgz 10 d41d8cd98f00b204e9800998ecf8427e|two.tgz 0 abc|"
-      "three.tgz 18446744073709551615 |",
+      "./three.tgz 9223372036854775807 |",
       files);
 }
 
@@ -61,6 +61,46 @@ TEST(ContentListTest, BadSizesAndTextsThatAreNoContentList) {
                     [] { getFileList("perl: command not found\n"); }));
   EXPECT_EQ("Assertion failed: content.size()",
             messageOf<&AssertionFailed>([] { getFileList(""); }));
+}
+
+// Names are joined to directories unchecked, sizes feed signed counters:
+// either kind of hostile value fails the whole list.
+TEST(ContentListTest, HostileNamesAndSizesAreRefused) {
+  const std::string refused =
+      "': a name must be relative and must not contain '..'.";
+  for (const char* name :
+       {"../x", "a/../../x", "..", "a/..", "/etc/passwd", "//x", ""}) {
+    std::unique_ptr<AgentFileList> list =
+        getFileList(std::string("<contentlist size=\"1\" unpacked=\"1\">") +
+                    "<file size=\"1\">ok.tgz</file><file>" + name +
+                    "</file></contentlist>");
+    EXPECT_EQ("The content list names the file '" + std::string(name) + refused,
+              messageOf<&tError_WrongContent>([&] { list->getFileList(); }))
+        << name;
+  }
+  // Dots that are no ".." component are plain names.
+  EXPECT_EQ(3u, getFileList("<contentlist><file>..a</file><file>a../b</file>"
+                            "<file>.../c</file></contentlist>")
+                    ->getFileList()
+                    .size());
+
+  const std::string invalid = " is not a valid number: ";
+  for (const char* size : {"9223372036854775808", "18446744073709551615",
+                           "99999999999999999999999", "1e9", " 5", "0x10"}) {
+    std::unique_ptr<AgentFileList> list = getFileList(
+        std::string("<contentlist size=\"") + size +
+        "\" unpacked=\"0\"><file size=\"" + size + "\">a</file></contentlist>");
+    EXPECT_EQ(
+        "Attribute 'size' of element 'file'" + invalid + "'" + size + "'.",
+        messageOf<&tError_WrongContent>([&] { list->getFileList(); }));
+    EXPECT_EQ("Attribute 'size' of element 'contentlist'" + invalid + "'" +
+                  size + "'.",
+              messageOf<&tError_WrongContent>([&] { list->getTotalSize(); }));
+  }
+  std::unique_ptr<AgentFileList> negative =
+      getFileList("<contentlist size=\"-5\" unpacked=\"-1\"/>");
+  EXPECT_EQ("Attribute 'size' of element 'contentlist'" + invalid + "'-5'.",
+            messageOf<&tError_WrongContent>([&] { negative->getTotalSize(); }));
 }
 
 TEST(AgentDeploymentStatusTest, GivesTheRemoteStatusFileName) {
