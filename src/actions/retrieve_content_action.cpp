@@ -1,6 +1,7 @@
 #include "actions/retrieve_content_action.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <log4cpp/Category.hh>
@@ -67,6 +68,35 @@ void debugLog(const ExTraceable& e) {
   if (theDebugLog) theDebugLog->log(e);
 }
 
+// The expected sum stands where the message says "has": the panel's readers
+// of the record expect this order.
+Exc<&WrongMd5Sum> wrongMd5Sum(const DumpFile& f, const std::string& sum) {
+  Exc<&WrongMd5Sum> e(__PRETTY_FUNCTION__, __FILE__, __LINE__);
+  e % f.name % f.md5sum % sum;
+  return e;
+}
+
+// Failures that the driver reports with their own exit codes (11 to 18):
+// they leave the action as they are, so that a caller can tell a lost or
+// refused connection from a failed retrieval.
+bool isConnectionFailure(const ExTraceable& e) {
+  return dynamic_cast<const Exc<&ConnectionRefused>*>(&e) != nullptr ||
+         dynamic_cast<const Exc<&ConnectionTimedOut>*>(&e) != nullptr ||
+         dynamic_cast<const Exc<&NetworkUnreachable>*>(&e) != nullptr ||
+         dynamic_cast<const Exc<&HostUnreachable>*>(&e) != nullptr ||
+         dynamic_cast<const Exc<&ConnectionFault>*>(&e) != nullptr ||
+         dynamic_cast<const Exc<&HostNotFound>*>(&e) != nullptr ||
+         dynamic_cast<const Exc<&SshInvalidCredentials>*>(&e) != nullptr ||
+         dynamic_cast<const Exc<&SshConnectionFault>*>(&e) != nullptr;
+}
+
+// A copy that failed its checks must not pass for an archive later.
+void discardLocalCopy(const std::string& path) {
+  if (unlink(path.c_str()) == 0) {
+    logger().debug("Removed the incomplete local copy " + path);
+  }
+}
+
 }  // namespace
 
 // --- FileRetrievalProgressUpdater ------------------------------------------
@@ -128,6 +158,7 @@ void RetrieveContentAction::execute() {
   try {
     retrieve();
   } catch (const ExTraceable& e) {
+    if (isConnectionFailure(e)) throw;
     TOVEL_THROW_WRAP(CantRetrieveDump, e);
   }
 }
@@ -207,11 +238,40 @@ void RetrieveContentAction::fetchFile(const DumpFile& f,
   std::string remote = config_->agentDir + "/" + f.name;
   logger().debug("Fetching " + remote + " to " + local);
   std::ostringstream err;
-  if (getSsh()->get(remote, err, local, updater) != 0) {
+  Ssh::Receipt receipt;
+  try {
+    receipt = getSsh()->receive(remote, err, local, updater);
+  } catch (...) {
+    discardLocalCopy(local);
+    throw;
+  }
+  std::string fault = verify(f, receipt, err.str());
+  if (!fault.empty()) {
+    discardLocalCopy(local);
     TOVEL_THROW(CantRetrieveContentFile) % remote % config_->host % local %
-        err.str();
+        fault;
   }
   removeRemoteFile(remote);
+}
+
+// Empty when the local copy is complete: written and closed without error,
+// as long as listed and, where a sum is listed, with that sum. Otherwise
+// what is wrong with it, for the error message.
+std::string RetrieveContentAction::verify(const DumpFile& f,
+                                          const Ssh::Receipt& receipt,
+                                          const std::string& catError) {
+  if (!receipt.writeError.empty()) return receipt.writeError;
+  if (receipt.status != 0) return catError;
+  if (receipt.bytes != f.size) {
+    return "received " + std::to_string(receipt.bytes) + " bytes, but " +
+           std::to_string(f.size) + " are listed";
+  }
+  if (!f.md5sum.empty() && receipt.md5sum != f.md5sum) {
+    recordWrongMd5Sum(f, receipt.md5sum);
+    return "received data has MD5 sum " + receipt.md5sum + ", but " + f.md5sum +
+           " is listed";
+  }
+  return std::string();
 }
 
 // The archive is already safe here; a copy left behind on the source host
@@ -260,15 +320,17 @@ void RetrieveContentAction::checkFile(const DumpFile& f) {
     std::ifstream in(local.c_str(), std::ios::binary);
     if (!in.is_open()) return;
     std::string sum = countMd5Sum(in);
-    if (sum == f.md5sum || theLog == nullptr) return;
-    Exc<&WrongMd5Sum> e(__PRETTY_FUNCTION__, __FILE__, __LINE__);
-    // The expected sum stands where the message says "has": the panel's
-    // readers of the record expect this order.
-    e % f.name % f.md5sum % sum;
-    theLog->log(e);
+    if (sum != f.md5sum && theLog != nullptr) theLog->log(wrongMd5Sum(f, sum));
   } catch (const std::exception& e) {
     logger().debug("Unable to check " + local + ": " + e.what());
   }
+}
+
+void RetrieveContentAction::recordWrongMd5Sum(const DumpFile& f,
+                                              const std::string& sum) {
+  Exc<& WrongMd5Sum> e = wrongMd5Sum(f, sum);
+  debugLog(e);
+  if (theLog != nullptr) theLog->log(e);
 }
 
 }  // namespace tovel

@@ -70,9 +70,16 @@ class RetrieveContentAction : public Action {
   // the destination directory ("--dumps-dir", else the session directory)
   // unless "--no-check-space", fetches each archive not already present and
   // removes it on the source host (a failed removal is only logged), then
-  // writes the session's "dump-name" and "migration-result-name". Every
-  // error of the family is wrapped in CantRetrieveDump; files fetched before
-  // a failure stay.
+  // writes the session's "dump-name" and "migration-result-name".
+  // An archive is removed on the source host only once its local copy was
+  // written and closed without error and has the listed size and (where
+  // listed) MD5 sum; otherwise the local copy is removed, the source copy
+  // kept, a wrong sum recorded as WrongMd5Sum in the run record, and the
+  // step fails with CantRetrieveContentFile. Every error of the family is
+  // wrapped in CantRetrieveDump, except the connection failures that have
+  // exit codes of their own (SshConnectionFault and those of connecting
+  // and logging in), which pass as they are. Files fetched before a
+  // failure stay.
   void execute() override;
 
   // True when the session directory holds a file of f's base name with
@@ -93,6 +100,9 @@ class RetrieveContentAction : public Action {
                 const std::string& destination, const AccountIds& owner);
   void fetchFile(const DumpFile& f, const std::string& destination,
                  FileRetrievalProgressUpdater& updater);
+  std::string verify(const DumpFile& f, const Ssh::Receipt& receipt,
+                     const std::string& catError);
+  void recordWrongMd5Sum(const DumpFile& f, const std::string& sum);
   void removeRemoteFile(const std::string& remote);
   std::string destinationDir() const;
 };

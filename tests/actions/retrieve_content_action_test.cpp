@@ -424,7 +424,7 @@ TEST_F(RetrieveContentActionTest, RemovalFailureIsOnlyLogged) {
   // Remotely proc/version is the kernel's file, which cat reads and rm
   // cannot remove; locally it is an ordinary new file.
   ASSERT_EQ(symlink("/proc", remote("proc").c_str()), 0);
-  listed_.push_back({"proc/version", 10, ""});
+  listed_.push_back({"proc/version", readFile("/proc/version").size(), ""});
   std::string b = addArchive("b.tgz", 2000);
   writeList();
   Log4cppDebugLog debugLog(false, false);
@@ -440,6 +440,168 @@ TEST_F(RetrieveContentActionTest, RemovalFailureIsOnlyLogged) {
   EXPECT_THAT(logged, HasSubstr("Unable to remove remote file '" +
                                 remote("proc/version") +
                                 "' from '127.0.0.1': rm: cannot remove"));
+}
+
+// --- no archive is removed on the source host unless its copy is sound -----
+
+// Records what reaches the run record.
+class FakeLog : public Log {
+ public:
+  void setSuccess(bool) override {}
+  void log(const ExTraceable& e) override {
+    entries.push_back(e.code() + ": " + e.what());
+  }
+  void pushObject(const std::string&, const std::string&) override {}
+  void popObject() override {}
+  int getDepth() const override { return 0; }
+  std::vector<std::string> entries;
+};
+
+class VerifiedFetchTest : public RetrieveContentActionTest {
+ protected:
+  void SetUp() override {
+    RetrieveContentActionTest::SetUp();
+    theLog = &log_;
+  }
+
+  std::string fetchFailure(const std::string& name, const std::string& why) {
+    return "CantRetrieveContentFile: Failed to retrieve file '" + remote(name) +
+           "' from '127.0.0.1' to '" + sessionFile(name) + "': " + why;
+  }
+
+  FakeLog log_;
+};
+
+TEST_F(VerifiedFetchTest, SizeOtherThanListedKeepsTheSourceCopy) {
+  std::string first = addArchive("first.tgz", 3000);
+  addArchive("short.tgz", 1000);
+  listed_.back().size = 1001;
+  addArchive("long.tgz", 1000);
+  listed_.back().size = 999;
+  std::vector<Listed> all = listed_;
+  listed_ = {all[0], all[1]};
+  writeList();
+  EXPECT_EQ(
+      failure(),
+      fetchFailure("short.tgz", "received 1000 bytes, but 1001 are listed"));
+  // What came before is complete and gone from the source; the faulty
+  // archive stays there, and no partial copy is left here.
+  EXPECT_TRUE(readFile(sessionFile("first.tgz")) == first);
+  EXPECT_FALSE(fileExists(remote("first.tgz")));
+  EXPECT_TRUE(fileExists(remote("short.tgz")));
+  EXPECT_FALSE(fileExists(sessionFile("short.tgz")));
+  EXPECT_FALSE(fileExists(sessionFile("dump-name")));
+  EXPECT_TRUE(log_.entries.empty());  // the size says nothing of the sum
+
+  listed_ = {all[2]};
+  writeList();
+  EXPECT_EQ(failure(), fetchFailure("long.tgz",
+                                    "received 1000 bytes, but 999 are listed"));
+  EXPECT_TRUE(fileExists(remote("long.tgz")));
+  EXPECT_FALSE(fileExists(sessionFile("long.tgz")));
+}
+
+TEST_F(VerifiedFetchTest, WrongSumIsRecordedAndTheSourceCopyKept) {
+  const std::string listedSum(32, 'a');
+  std::string bytes = addArchive("sub/a.tgz", 70000, listedSum.c_str());
+  writeList();
+  const std::string actual = countMd5Sum(bytes);
+  EXPECT_EQ(failure(),
+            fetchFailure("sub/a.tgz", "received data has MD5 sum " + actual +
+                                          ", but " + listedSum + " is listed"));
+  // The listed sum stands in the "has" place, as the record's readers
+  // expect.
+  EXPECT_THAT(log_.entries,
+              ElementsAre("WrongMd5Sum: Problem during content retrieval: "
+                          "downloaded sub/a.tgz has MD5 sum " +
+                          listedSum + ", but it has to be " + actual +
+                          ". Restarting download."));
+  EXPECT_TRUE(fileExists(remote("sub/a.tgz")));
+  EXPECT_FALSE(fileExists(sessionFile("sub/a.tgz")));
+
+  // Once the list is right, a rerun fetches the kept copy.
+  listed_.back().md5sum = actual;
+  writeList();
+  run();
+  EXPECT_TRUE(readFile(sessionFile("sub/a.tgz")) == bytes);
+  EXPECT_FALSE(fileExists(remote("sub/a.tgz")));
+}
+
+TEST_F(VerifiedFetchTest, LocalFileThatCannotBeCreatedKeepsTheSourceCopy) {
+  addArchive("sub/a.tgz", 100);
+  writeList();
+  writeFile(sessionFile("sub"), "a file in the way of the directory");
+  EXPECT_EQ(failure(),
+            fetchFailure("sub/a.tgz", "cannot create " +
+                                          sessionFile("sub/a.tgz") +
+                                          ": Not a directory"));
+  EXPECT_TRUE(fileExists(remote("sub/a.tgz")));
+}
+
+TEST_F(VerifiedFetchTest, WrongPasswordIsNotWrapped) {
+  addArchive("a.tgz", 100);
+  writeList();
+  cfg_.password += "x";
+  EXPECT_THROW(run(), Exc<&SshInvalidCredentials>);
+  EXPECT_TRUE(fileExists(remote("a.tgz")));
+}
+
+// --- hostile content lists ---------------------------------------------------
+
+TEST_F(RetrieveContentActionTest, NamesLeavingTheDirectoriesFetchNothing) {
+  // Files that a name with ".." or an absolute one would reach, on both
+  // sides (the source host is this machine).
+  writeFile(dir_.path() + "/outside.tgz", "precious");
+  for (const char* name :
+       {"../outside.tgz", "sub/../../outside.tgz", "/etc/hostname"}) {
+    listed_.clear();
+    addArchive("fine.tgz", 100);
+    listed_.push_back({name, 8, ""});
+    writeList();
+    LogCapture ssh("p.Ssh");
+    EXPECT_EQ(failure(), std::string("tError_WrongContent: The content list "
+                                     "names the file '") +
+                             name +
+                             "': a name must be relative and must not "
+                             "contain '..'.");
+    // Nothing fetched or removed, not even the harmless file listed first.
+    EXPECT_EQ(executed(ssh).size(), 1u) << name;
+    EXPECT_FALSE(fileExists(sessionFile("fine.tgz")));
+    EXPECT_TRUE(fileExists(remote("fine.tgz")));
+  }
+  EXPECT_EQ(readFile(dir_.path() + "/outside.tgz"), "precious");
+  EXPECT_TRUE(fileExists("/etc/hostname"));
+  EXPECT_FALSE(fileExists(sessionFile("etc/hostname")));
+}
+
+TEST_F(RetrieveContentActionTest, MalformedListsFailBeforeAnyFetch) {
+  addArchive("a.tgz", 100);
+  const struct {
+    const char* list;
+    const char* cause;
+  } cases[] = {
+      {"<contentlist size=\"100\" unpacked=\"1\"><file size=\"1OO\">a.tgz"
+       "</file></contentlist>",
+       "tError_WrongContent: Attribute 'size' of element 'file' is not a "
+       "valid number: '1OO'."},
+      {"<contentlist size=\"100\" unpacked=\"1\"><file size=\"100\">a.tgz"
+       "</file><file size=\"99999999999999999999\">b</file></contentlist>",
+       "tError_WrongContent: Attribute 'size' of element 'file' is not a "
+       "valid number: '99999999999999999999'."},
+      {"<contentlist size=\"-1\" unpacked=\"1\"></contentlist>",
+       "tError_WrongContent: Attribute 'size' of element 'contentlist' is "
+       "not a valid number: '-1'."},
+      {"<contentlist size=\"100\" unpacked=\"1\"><file size=\"100\">a.t",
+       "tError_ParseFile: "},
+  };
+  for (const auto& c : cases) {
+    writeFile(agentDir_ + "/contentlist.xml", c.list);
+    LogCapture ssh("p.Ssh");
+    EXPECT_THAT(failure(), ::testing::StartsWith(c.cause));
+    EXPECT_EQ(executed(ssh).size(), 1u) << c.list;
+    EXPECT_TRUE(fileExists(remote("a.tgz")));
+    EXPECT_FALSE(fileExists(sessionFile("a.tgz")));
+  }
 }
 
 // --- free space --------------------------------------------------------------
@@ -539,6 +701,27 @@ TEST_F(FreeSpaceTest, OneByteMoreThanFreeFailsBeforeAnyFetch) {
 TEST_F(FreeSpaceTest, NoCheckSpaceIgnoresTheTotal) {
   cfg_.noCheckSpace = true;
   EXPECT_EQ(runWithTotalAboveFree(int64_t(1) << 50), "fetched");
+}
+
+TEST_F(FreeSpaceTest, FullDestinationStopsTheFetchAndKeepsTheSource) {
+  cfg_.noCheckSpace = true;
+  addArchive("big.tgz", 3 << 20);
+  addArchive("after.tgz", 100);
+  writeList();
+  std::string report = withPrivateTmpfs(dumps_, [this]() {
+    std::string outcome = failure();
+    // The partial copy is gone; the archive before it is complete.
+    if (fileExists(dumps_ + "/big.tgz")) outcome += ", partial copy left";
+    if (readFile(dumps_ + "/a.tgz") != archive_) outcome += ", a.tgz damaged";
+    return outcome;
+  });
+  EXPECT_EQ(report, "CantRetrieveContentFile: Failed to retrieve file '" +
+                        remote("big.tgz") + "' from '127.0.0.1' to '" + dumps_ +
+                        "/big.tgz': cannot write " + dumps_ +
+                        "/big.tgz: No space left on device");
+  EXPECT_FALSE(fileExists(remote("a.tgz")));
+  EXPECT_TRUE(fileExists(remote("big.tgz")));
+  EXPECT_TRUE(fileExists(remote("after.tgz")));
 }
 
 // --- what a concurrent reader of migration.status sees ----------------------
@@ -693,18 +876,6 @@ TEST(FileRetrievalProgressUpdaterTest, EveryChunkSetsFiguresAndSaves) {
 
 // --- the local MD5 checks
 // -----------------------------------------------------
-
-class FakeLog : public Log {
- public:
-  void setSuccess(bool) override {}
-  void log(const ExTraceable& e) override {
-    entries.push_back(e.code() + ": " + e.what());
-  }
-  void pushObject(const std::string&, const std::string&) override {}
-  void popObject() override {}
-  int getDepth() const override { return 0; }
-  std::vector<std::string> entries;
-};
 
 class Md5CheckTest : public ::testing::Test {
  protected:
