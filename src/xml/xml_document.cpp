@@ -1,13 +1,18 @@
 #include "xml/xml_document.h"
 
 #include <libxml/parser.h>
+#include <fcntl.h>
 #include <libxml/xmlsave.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <vector>
 
 #include "commons/accounts.h"
 #include "commons/temp_files.h"
@@ -42,25 +47,137 @@ bool isRegularFile(const char* fileName) {
   return stat(fileName, &st) == 0 && S_ISREG(st.st_mode);
 }
 
-std::string temporaryNameFor(const std::string& target) {
+// Owner of the descriptor of a temporary file being written.
+class OpenFile {
+ public:
+  OpenFile(int fd, std::string name) : fd_(fd), name_(std::move(name)) {}
+  ~OpenFile() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  OpenFile(const OpenFile&) = delete;
+  OpenFile& operator=(const OpenFile&) = delete;
+
+  int fd() const { return fd_; }
+  const std::string& name() const { return name_; }
+  // Closes now; false (errno set) when the system reports a deferred
+  // write error.
+  bool close() {
+    int fd = fd_;
+    fd_ = -1;
+    return ::close(fd) == 0;
+  }
+
+ private:
+  int fd_;
+  std::string name_;
+};
+
+// A new empty file beside target (so that the rename stays within one
+// file system), named after it, open for writing. tError_SaveFile naming
+// target, with CantCreateTempFile inside, when none can be made.
+std::unique_ptr<OpenFile> createTemporaryFor(const std::string& target) {
   boost::filesystem::path path(target);
   std::string dir = path.parent_path().string();
   if (dir.empty()) dir = ".";
-  try {
-    return QVT_getTempFileName(dir, path.filename().string());
-  } catch (const ExTraceable& e) {
-    TOVEL_THROW_WRAP(tError_SaveFile, e) % target;
+  std::vector<char> name;
+  initTempName(name, dir, path.filename().string());
+  std::string pattern(name.data());
+  int fd = mkostemp(name.data(), O_CLOEXEC);
+  if (fd < 0) {
+    int error = errno;
+    Exc<&CantCreateTempFile> cause(__PRETTY_FUNCTION__, __FILE__, __LINE__);
+    cause % pattern % strerror(error);
+    TOVEL_THROW_WRAP(tError_SaveFile, cause) % target;
+  }
+  return std::make_unique<OpenFile>(fd, name.data());
+}
+
+// Serialises doc into the open file exactly as saveToFile would.
+void writeDocument(xmlDocPtr doc, OpenFile& file) {
+  LibxmlErrorCapture capture;
+  xmlSaveCtxtPtr ctxt = nullptr;
+  if (doc != nullptr) ctxt = xmlSaveToFd(file.fd(), "UTF-8", XML_SAVE_FORMAT);
+  if (ctxt == nullptr) {
+    TOVEL_THROW_LIBXML(LibxmlFailure::kSave, file.name().c_str(),
+                       capture.messages());
+  }
+  long written = xmlSaveDoc(ctxt, doc);
+  if (xmlSaveClose(ctxt) < 0 || written < 0) {
+    TOVEL_THROW_LIBXML(LibxmlFailure::kSave, file.name().c_str(),
+                       capture.messages());
   }
 }
 
 // Gives the file to "dyradm" so that the panel's processes can read it.
-void handToPanel(const std::string& fileName) {
+void handToPanel(OpenFile& file) {
   AccountIds ids = lookupAccount(kPanelAccount);
-  if (chown(fileName.c_str(), ids.uid, ids.gid) != 0 ||
-      chmod(fileName.c_str(), kSavedFileMode) != 0) {
+  if (fchown(file.fd(), ids.uid, ids.gid) != 0 ||
+      fchmod(file.fd(), kSavedFileMode) != 0) {
     int err = errno;
-    TOVEL_THROW(CantTakeFileOwnership) % fileName % strerror(err);
+    TOVEL_THROW(CantTakeFileOwnership) % file.name() % strerror(err);
   }
+}
+
+// Puts temporary in target's place. An existing target is exchanged with
+// the new file and then unlinked, rather than renamed over: ext4 starts
+// writing a file's data to disk when a rename replaces another file
+// (auto_da_alloc), one disk write per save of a document that a transfer
+// rewrites after every chunk. A reader still sees one complete document or
+// the other. Where the exchange is not possible (no target yet, a file
+// system without it, a target a file cannot replace) a rename does the
+// work and reports the failure.
+void replaceFile(const std::string& temporary, const std::string& target) {
+  if (renameat2(AT_FDCWD, temporary.c_str(), AT_FDCWD, target.c_str(),
+                RENAME_EXCHANGE) == 0) {
+    if (unlink(temporary.c_str()) == 0) return;
+    renameat2(AT_FDCWD, temporary.c_str(), AT_FDCWD, target.c_str(),
+              RENAME_EXCHANGE);
+  }
+  if (rename(temporary.c_str(), target.c_str()) != 0) {
+    int err = errno;
+    TOVEL_THROW(CantRenameFile) % temporary % target % strerror(err);
+  }
+}
+
+// Length of the UTF-8 sequence at text[i] when it encodes a character that
+// an XML document may hold, else 0.
+size_t xmlCharLength(const std::string& text, size_t i) {
+  unsigned char lead = static_cast<unsigned char>(text[i]);
+  if (lead < 0x80) {
+    return lead >= 0x20 || lead == '\t' || lead == '\n' || lead == '\r';
+  }
+  size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : lead >= 0xC2 ? 2 : 0;
+  if (length == 0 || lead > 0xF4 || i + length > text.size()) return 0;
+  uint32_t code = lead & (0x7F >> length);
+  for (size_t k = 1; k < length; ++k) {
+    unsigned char next = static_cast<unsigned char>(text[i + k]);
+    if ((next & 0xC0) != 0x80) return 0;
+    code = (code << 6) | (next & 0x3F);
+  }
+  static const uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+  if (code < kSmallest[length] || code > 0x10FFFF) return 0;
+  if ((code >= 0xD800 && code <= 0xDFFF) || code == 0xFFFE || code == 0xFFFF)
+    return 0;
+  return length;
+}
+
+// Text from outside (a host name, a remote error output) may hold bytes
+// that XML cannot carry; libxml2 would write them raw and leave a document
+// no reader accepts. Each such byte becomes U+FFFD.
+std::string asXmlText(const std::string& text) {
+  std::string safe;
+  safe.reserve(text.size());
+  for (size_t i = 0; i < text.size();) {
+    size_t length = xmlCharLength(text, i);
+    if (length == 0) {
+      safe += "\xEF\xBF\xBD";
+      ++i;
+    } else {
+      safe.append(text, i, length);
+      i += length;
+    }
+  }
+  return safe;
 }
 
 }  // namespace
@@ -159,17 +276,18 @@ std::string tXmlDocument::saveToString() const {
 }
 
 void tXmlDocument::saveToFileAtomically(const std::string& target) {
-  // Beside the target, so that the rename stays within one file system.
-  std::string temporary = temporaryNameFor(target);
+  std::unique_ptr<OpenFile> temporary = createTemporaryFor(target);
   // No fsync: readers are protected by the rename alone, and the progress
   // document is rewritten after every chunk of a transfer, where a sync
   // each time would cost more than the transfer itself.
-  saveToFile(temporary);
-  handToPanel(temporary);
-  if (rename(temporary.c_str(), target.c_str()) != 0) {
+  writeDocument(getDoc(), *temporary);
+  handToPanel(*temporary);
+  if (!temporary->close()) {
     int err = errno;
-    TOVEL_THROW(CantRenameFile) % temporary % target % strerror(err);
+    TOVEL_THROW_LIBXML(LibxmlFailure::kSave, temporary->name().c_str(),
+                       strerror(err));
   }
+  replaceFile(temporary->name(), target);
 }
 
 tXmlQvtDocument::tXmlQvtDocument(const char* fileName)
@@ -249,13 +367,15 @@ xmlNodePtr tXmlQvtDocument::newChild(xmlNodePtr parent, const char* name) {
 xmlNodePtr tXmlQvtDocument::newTextChild(xmlNodePtr parent, const char* name,
                                          const std::string& text) {
   if (parent == nullptr) return nullptr;
-  return xmlNewTextChild(parent, nullptr, BAD_CAST name, BAD_CAST text.c_str());
+  return xmlNewTextChild(parent, nullptr, BAD_CAST name,
+                         BAD_CAST asXmlText(text).c_str());
 }
 
 void tXmlQvtDocument::addAttribute(xmlNodePtr node, const char* name,
                                    const std::string& value) {
   TOVEL_XML_ASSERT(node != NULL);
-  if (xmlSetProp(node, BAD_CAST name, BAD_CAST value.c_str()) == nullptr) {
+  if (xmlSetProp(node, BAD_CAST name, BAD_CAST asXmlText(value).c_str()) ==
+      nullptr) {
     TOVEL_THROW(tError_XmlInternal) % "#0002: Can not create new node";
   }
 }
