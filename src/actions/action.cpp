@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "commons/args_builder.h"
+#include "commons/capped_output.h"
 #include "commons/product_paths.h"
 #include "commons/session_files.h"
 #include "errors/tags.h"
@@ -129,7 +130,7 @@ int Action::execRoot(const std::string& command, std::ostream& out,
 
 void Action::checkSudoPresence() {
   if (sudoChecked_) return;
-  std::ostringstream out, err;
+  CappedOutput out, err;
   std::istringstream none;
   int status = getSsh()->exec("sudo -V", none, out, err, false, false,
                               Ssh::null_counter);
@@ -149,7 +150,7 @@ void Action::takeFile(const std::string& path) {
   checkSudoPresence();
   ArgsBuilder chown;
   chown << "chown" << config_->login << path;
-  std::ostringstream out, err;
+  CappedOutput out, err;
   if (execRoot(chown.str(), out, err, false) != 0) {
     TOVEL_THROW(CantTakeFileOwnership) % path % err.str();
   }

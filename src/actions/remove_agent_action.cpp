@@ -3,6 +3,7 @@
 #include <sstream>
 
 #include "commons/args_builder.h"
+#include "commons/capped_output.h"
 
 namespace tovel {
 
@@ -10,7 +11,7 @@ void RemoveAgentAction::execute() {
   ArgsBuilder command;
   command << "rm"
           << "-rf" << config_->agentDir;
-  std::ostringstream out, err;
+  CappedOutput out, err;
   execRoot(command.str(), out, err, false);
 }
 

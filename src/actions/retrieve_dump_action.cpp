@@ -10,6 +10,7 @@
 
 #include "agents/agent_spec.h"
 #include "commons/args_builder.h"
+#include "commons/capped_output.h"
 #include "commons/session_files.h"
 #include "errors/tags.h"
 
@@ -76,7 +77,7 @@ std::string RetrieveDumpAction::buildCommand() const {
 
 void RetrieveDumpAction::runAgent(const std::string& command) {
   StatusPullScope pulling(this);
-  std::ostringstream out, err;
+  CappedOutput out, err;
   int status;
   if (input_.empty()) {
     status = execRoot(command, out, err, false);

@@ -12,6 +12,7 @@
 #include "agents/agent_spec.h"
 #include "commons/accounts.h"
 #include "commons/args_builder.h"
+#include "commons/capped_output.h"
 #include "commons/product_paths.h"
 #include "commons/session_files.h"
 #include "errors/tags.h"
@@ -108,7 +109,7 @@ bool SendAgentAction::sendFile(const fs::path& walkRoot, const fs::path& local,
 void SendAgentAction::prepareRemoteDirectory(const std::string& command,
                                              const std::string& remote) {
   std::istringstream none;
-  std::ostringstream out, err;
+  CappedOutput out, err;
   // quietInput: with sudo the input carries the password.
   if (execRoot(command, none, out, err, false, true) != 0) {
     TOVEL_THROW(CantCreateAgentDirectory) % remote % err.str();
@@ -130,7 +131,7 @@ void SendAgentAction::requestStatus(const Agent& agent) {
        << "cd " + config_->agentDir + " && " + agent.getInterpreterOrDefault() +
               " " + entryPoint + " --get-status";
   std::istringstream none;
-  std::ostringstream err;
+  CappedOutput err;
   int status = execRoot(line.str(), none, file, err, false, true);
   file.close();
   // The message names the entry point only; the full line is in the log.

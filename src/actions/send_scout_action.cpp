@@ -3,6 +3,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "commons/capped_output.h"
 #include "commons/product_paths.h"
 #include "commons/session_files.h"
 #include "errors/tags.h"
@@ -16,7 +17,7 @@ void SendScoutAction::execute() {
   std::string resultPath = theSession->getScoutResultFileName();
   std::ofstream result(resultPath.c_str(), std::ios::binary | std::ios::trunc);
   if (!result) TOVEL_THROW(StreamWrite);
-  std::ostringstream err;
+  CappedOutput err;
   int status = execRoot("perl", scout, result, err, false, true);
   result.close();
   if (status != 0) TOVEL_THROW(FailedToExecuteScout) % status % err.str();

@@ -4,6 +4,7 @@
 #include <iostream>
 #include <log4cpp/Category.hh>
 
+#include "commons/termination.h"
 #include "errors/ex_traceable.h"
 #include "errors/text_msg_formatter.h"
 #include "ferrow/driver.h"
@@ -12,6 +13,7 @@ namespace {
 
 int guardedMain(int argc, char** argv) {
   try {
+    tovel::installTerminationHandlers();
     return tovel::real_main(argc, argv);
   } catch (const tovel::ExTraceable& e) {
     std::cerr << "Uncaught ExTraceableException: "

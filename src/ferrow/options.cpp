@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "commons/secrets.h"
 #include "errors/exc.h"
 #include "errors/tags.h"
 
@@ -282,6 +283,9 @@ bool parse_options(int argc, char** argv, config* cfg) {
     applyOption(code, optarg, cfg);
   }
   cfg->password = get_env_noncrypted_password();
+  // Before anything is logged: the debug log shows them masked.
+  registerSecret(cfg->password);
+  registerSecret(cfg->sudoPassword);
   return true;
 }
 

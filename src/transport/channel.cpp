@@ -2,13 +2,13 @@
 
 #include <log4cpp/Category.hh>
 
-#include "transport/alarm_signal_guard.h"
+#include "transport/signal_guard.h"
 
 namespace tovel {
 namespace libssh2pp {
 
 void ChannelFree::operator()(LIBSSH2_CHANNEL* channel) const {
-  AlarmSignalGuard noAlarm;
+  SignalGuard noSignals;
   libssh2_channel_set_blocking(channel, Channel::kBlocking);
   libssh2_channel_free(channel);
 }

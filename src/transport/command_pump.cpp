@@ -17,10 +17,12 @@ namespace {
 
 log4cpp::Category& logger() { return log4cpp::Category::getInstance("p.Ssh"); }
 
-void logChunk(const char* prefix, const char* data, std::size_t size) {
-  if (!logger().isDebugEnabled()) return;
-  logger().debug(prefix + std::string(data, size));
-}
+// Indexed like the maskers: input, output, errors.
+const char* const kLogPrefixes[] = {"remote stdin <- ", "remote stdout -> ",
+                                    "remote stderr -> "};
+const int kInput = 0;
+const int kOutput = 1;
+const int kErrors = 2;
 
 // The number of a signal named as in an SSH exit-signal message ("KILL").
 int signalNumber(const std::string& name) {
@@ -45,6 +47,8 @@ CommandPump::CommandPump(libssh2pp::Session& session,
 
 void CommandPump::run() {
   for (;;) {
+    // A cancelled run stops here too while the command is silent.
+    checkProgramTerminated();
     // An alarm may have run commands of its own, which leave the session
     // blocking.
     libssh2_session_set_blocking(session_.get(),
@@ -56,6 +60,7 @@ void CommandPump::run() {
     if (alarm_ != nullptr && !writeBlocked_) alarm_->doAlarm();
     if (!progressed) session_.waitSocket(kWaitRoundMs);
   }
+  flushLog();
   libssh2_session_set_blocking(session_.get(), libssh2pp::Channel::kBlocking);
 }
 
@@ -68,7 +73,7 @@ bool CommandPump::feedInput() {
   writeBlocked_ = rc == LIBSSH2_ERROR_EAGAIN;
   if (writeBlocked_ || rc == 0) return remoteClosed() && inputDropped();
   if (rc < 0) return writeFailed(rc);
-  if (!streams_.quietInput) logChunk("remote stdin <- ", data, rc);
+  if (!streams_.quietInput) log(kInput, data, rc);
   inputOffset_ += rc;
   inputLength_ -= rc;
   return rc > 0;
@@ -137,16 +142,30 @@ bool CommandPump::drain(int stream) {
 void CommandPump::deliver(int stream, std::size_t size) {
   const char* data = output_.data();
   if (stream == 0) {
-    if (!streams_.quietOutput) logChunk("remote stdout -> ", data, size);
+    if (!streams_.quietOutput) log(kOutput, data, size);
     streams_.counter.update(size);
     streams_.out.write(data, size);
     if (!streams_.out) TOVEL_THROW(StreamWrite);
     checkProgramTerminated();
     return;
   }
-  if (!streams_.quietOutput) logChunk("remote stderr -> ", data, size);
+  if (!streams_.quietOutput) log(kErrors, data, size);
   streams_.err.write(data, size);
   if (!streams_.err) TOVEL_THROW(StreamWrite);
+}
+
+void CommandPump::log(int stream, const char* data, std::size_t size) {
+  if (!logger().isDebugEnabled()) return;
+  std::string text = maskers_[stream].push(data, size);
+  if (!text.empty()) logger().debug(kLogPrefixes[stream] + text);
+}
+
+// What the maskers still hold could only have begun a secret.
+void CommandPump::flushLog() {
+  for (int stream : {kInput, kOutput, kErrors}) {
+    std::string rest = maskers_[stream].finish();
+    if (!rest.empty()) logger().debug(kLogPrefixes[stream] + rest);
+  }
 }
 
 int CommandPump::exitStatus() {

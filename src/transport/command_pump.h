@@ -7,6 +7,7 @@
 #include <iosfwd>
 #include <vector>
 
+#include "commons/secrets.h"
 #include "transport/alarm.h"
 #include "transport/channel.h"
 #include "transport/session.h"
@@ -53,6 +54,8 @@ class CommandPump {
   bool drain(int stream);
   void deliver(int stream, std::size_t size);
   int signalStatus();
+  void log(int stream, const char* data, std::size_t size);
+  void flushLog();
 
   libssh2pp::Session& session_;
   LIBSSH2_CHANNEL* channel_;
@@ -66,6 +69,9 @@ class CommandPump {
   // before anything else goes out on the session.
   bool writeBlocked_ = false;
   std::vector<char> output_;
+  // Per stream (input, output, errors): what is logged has its secrets
+  // masked, even one that arrives split between two chunks.
+  StreamMasker maskers_[3];
 };
 
 }  // namespace tovel

@@ -9,7 +9,7 @@
 #include <log4cpp/Category.hh>
 
 #include "errors/tags.h"
-#include "transport/alarm_signal_guard.h"
+#include "transport/signal_guard.h"
 #include "transport/libssh2_errors.h"
 
 namespace tovel {
@@ -59,7 +59,7 @@ Session::~Session() {
 // SSH server behind the port, or one that trickles lines) must not hold the
 // run: the whole handshake, not each wait in it, gets one deadline.
 void Session::handshake() {
-  AlarmSignalGuard noAlarm;
+  SignalGuard noSignals;
   libssh2_session_set_blocking(get(), 0);
   auto deadline = std::chrono::steady_clock::now() +
                   std::chrono::milliseconds(kHandshakeTimeoutMs);
@@ -115,7 +115,7 @@ void Session::getAuthMethodsList(const std::string& user,
 
 void Session::authorize(const std::string& user, const std::string& password) {
   logger().debug("Requested authorization for user " + user);
-  AlarmSignalGuard noAlarm;
+  SignalGuard noSignals;
   std::vector<std::string> methods;
   getAuthMethodsList(user, methods);
   bool done = offers(methods, "password") && tryPassword(user, password);
@@ -185,7 +185,7 @@ std::unique_ptr<Channel> Session::openSessionChannel() {
 std::unique_ptr<Channel> Session::openExecChannel(const std::string& command,
                                                   Channel::Mode mode) {
   logger().debug("Opening SSH channel for command '" + command + "'");
-  AlarmSignalGuard noAlarm;
+  SignalGuard noSignals;
   libssh2_session_set_blocking(get(), Channel::kBlocking);
   std::unique_ptr<Channel> channel = openSessionChannel();
   int rc = libssh2_channel_process_startup(channel->get(), "exec", 4,
@@ -203,7 +203,7 @@ std::unique_ptr<Channel> Session::openExecChannel(const std::string& command,
 
 void Session::create_reserve_channel() {
   logger().debug("Create a reserve channel");
-  AlarmSignalGuard noAlarm;
+  SignalGuard noSignals;
   libssh2_session_set_blocking(get(), Channel::kBlocking);
   reserveChannel_.reset();
   reserveChannel_ = openSessionChannel();

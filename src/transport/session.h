@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "commons/handle.h"
-#include "transport/alarm_signal_guard.h"
+#include "transport/signal_guard.h"
 #include "transport/channel.h"
 
 namespace tovel {
@@ -18,7 +18,7 @@ namespace libssh2pp {
 
 struct SessionFree {
   void operator()(LIBSSH2_SESSION* session) const {
-    AlarmSignalGuard noAlarm;
+    SignalGuard noSignals;
     libssh2_session_free(session);
   }
 };

@@ -47,7 +47,8 @@ class Ssh {
   // to `out` (each chunk told to `counter`) and its standard error to
   // `err`; input and output flow at the same time, so neither side can
   // stall the other. Unless quietOutput/quietInput, the bytes are logged at
-  // DEBUG. Between chunks the termination flag is polled
+  // DEBUG, every registered secret masked. Between chunks, and at least
+  // every 5 s while the command is silent, the termination flag is polled
   // (MigrationTerminatedException). Throws SshConnectionFault when the
   // connection is lost, StreamRead/StreamWrite when a local stream fails,
   // UnableToSendEof, InvalidHandle when no channel can be opened.
