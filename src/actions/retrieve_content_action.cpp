@@ -90,6 +90,42 @@ bool isConnectionFailure(const ExTraceable& e) {
          dynamic_cast<const Exc<&SshConnectionFault>*>(&e) != nullptr;
 }
 
+// The content list is held in memory to be parsed; a bound keeps an agent
+// that never stops printing from exhausting it. Real lists take about
+// 150 bytes per archive.
+const std::size_t kMaxContentListBytes = std::size_t(64) << 20;
+
+// Collects text up to a limit; past it every write fails, which stops the
+// command that writes.
+class BoundedText : public std::streambuf {
+ public:
+  explicit BoundedText(std::size_t limit) : limit_(limit) {}
+  const std::string& str() const { return text_; }
+  bool overflowed() const { return overflowed_; }
+
+ protected:
+  int_type overflow(int_type c) override {
+    if (traits_type::eq_int_type(c, traits_type::eof())) {
+      return traits_type::not_eof(c);
+    }
+    char byte = traits_type::to_char_type(c);
+    return xsputn(&byte, 1) == 1 ? c : traits_type::eof();
+  }
+  std::streamsize xsputn(const char* data, std::streamsize size) override {
+    if (size < 0 || text_.size() + static_cast<std::size_t>(size) > limit_) {
+      overflowed_ = true;
+      return 0;
+    }
+    text_.append(data, static_cast<std::size_t>(size));
+    return size;
+  }
+
+ private:
+  std::size_t limit_;
+  std::string text_;
+  bool overflowed_ = false;
+};
+
 // A copy that failed its checks must not pass for an archive later.
 void discardLocalCopy(const std::string& path) {
   if (unlink(path.c_str()) == 0) {
@@ -193,11 +229,20 @@ std::unique_ptr<AgentFileList> RetrieveContentAction::fetchFileList() {
   command << agent->getInterpreterOrDefault()
           << config_->agentDir + "/" + agent->getEntryPoint()
           << "--get-content-list";
-  std::ostringstream out, err;
-  if (execRoot(command.str(), out, err, false) != 0) {
-    TOVEL_THROW(CantRetrieveContentList) % err.str();
+  BoundedText list(kMaxContentListBytes);
+  std::ostream out(&list);
+  std::ostringstream err;
+  int status = -1;
+  try {
+    status = execRoot(command.str(), out, err, false);
+  } catch (const Exc<&StreamWrite>&) {
+    if (!list.overflowed()) throw;
+    TOVEL_THROW(CantRetrieveContentList) %
+        ("the content list is longer than " +
+         std::to_string(kMaxContentListBytes) + " bytes");
   }
-  return getFileList(out.str());
+  if (status != 0) TOVEL_THROW(CantRetrieveContentList) % err.str();
+  return getFileList(list.str());
 }
 
 void RetrieveContentAction::checkSpace(const std::string& destination,
@@ -309,6 +354,9 @@ std::string RetrieveContentAction::destinationDir() const {
 bool RetrieveContentAction::checkMD5(const DumpFile& f) {
   std::string local = skipCandidate(f);
   if (f.md5sum.empty()) return false;
+  // A directory of that name opens as a stream but cannot be read.
+  struct stat info;
+  if (stat(local.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return false;
   std::ifstream in(local.c_str(), std::ios::binary);
   if (!in.is_open()) return false;
   return countMd5Sum(in) == f.md5sum;

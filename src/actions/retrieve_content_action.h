@@ -66,9 +66,10 @@ class RetrieveContentAction : public Action {
  public:
   RetrieveContentAction() : Action(true) {}
 
-  // Asks the agent (as root) for its content list, checks the free space of
-  // the destination directory ("--dumps-dir", else the session directory)
-  // unless "--no-check-space", fetches each archive not already present and
+  // Asks the agent (as root) for its content list (longer than 64 MiB:
+  // CantRetrieveContentList), checks the free space of the destination
+  // directory ("--dumps-dir", else the session directory) unless
+  // "--no-check-space", fetches each archive not already present and
   // removes it on the source host (a failed removal is only logged), then
   // writes the session's "dump-name" and "migration-result-name".
   // An archive is removed on the source host only once its local copy was
@@ -82,8 +83,8 @@ class RetrieveContentAction : public Action {
   // failure stay.
   void execute() override;
 
-  // True when the session directory holds a file of f's base name with
-  // f's MD5 sum; false for an empty listed sum or a missing file. Throws
+  // True when the session directory holds a regular file of f's base name
+  // with f's MD5 sum; false for an empty listed sum or no such file. Throws
   // StreamRead when the local file cannot be read through.
   bool checkMD5(const DumpFile& f);
 

@@ -16,6 +16,7 @@
 #include <atomic>
 #include <boost/filesystem/operations.hpp>
 #include <boost/filesystem/path.hpp>
+#include <chrono>
 #include <cstring>
 #include <fstream>
 #include <functional>
@@ -531,10 +532,9 @@ TEST_F(VerifiedFetchTest, LocalFileThatCannotBeCreatedKeepsTheSourceCopy) {
   addArchive("sub/a.tgz", 100);
   writeList();
   writeFile(sessionFile("sub"), "a file in the way of the directory");
-  EXPECT_EQ(failure(),
-            fetchFailure("sub/a.tgz", "cannot create " +
-                                          sessionFile("sub/a.tgz") +
-                                          ": Not a directory"));
+  EXPECT_EQ(failure(), fetchFailure("sub/a.tgz", "cannot create " +
+                                                     sessionFile("sub/a.tgz") +
+                                                     ": Not a directory"));
   EXPECT_TRUE(fileExists(remote("sub/a.tgz")));
 }
 
@@ -602,6 +602,19 @@ TEST_F(RetrieveContentActionTest, MalformedListsFailBeforeAnyFetch) {
     EXPECT_TRUE(fileExists(remote("a.tgz")));
     EXPECT_FALSE(fileExists(sessionFile("a.tgz")));
   }
+}
+
+TEST_F(RetrieveContentActionTest, EndlessListIsCutOffAtItsBound) {
+  addArchive("a.tgz", 100);
+  unlink((agentDir_ + "/contentlist.xml").c_str());
+  ASSERT_EQ(symlink("/dev/zero", (agentDir_ + "/contentlist.xml").c_str()), 0);
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(failure(),
+            "CantRetrieveContentList: Error during content list retrieval: "
+            "the content list is longer than 67108864 bytes");
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(60));
+  EXPECT_TRUE(fileExists(remote("a.tgz")));
+  EXPECT_FALSE(fileExists(sessionFile("a.tgz")));
 }
 
 // --- free space --------------------------------------------------------------
@@ -895,6 +908,19 @@ class Md5CheckTest : public ::testing::Test {
   std::unique_ptr<SessionFiles> session_;
   FakeLog log_;
 };
+
+TEST_F(Md5CheckTest, OnlyARegularFileWithTheSumCounts) {
+  const std::string sum = countMd5Sum(std::string("archive"));
+  RetrieveContentAction action;
+  EXPECT_TRUE(action.checkMD5({"x/a.tgz", 7, sum}));
+  EXPECT_FALSE(action.checkMD5({"a.tgz", 7, std::string(32, 'f')}));
+  EXPECT_FALSE(action.checkMD5({"a.tgz", 7, ""}));
+  EXPECT_FALSE(action.checkMD5({"b.tgz", 7, sum}));
+  // A directory of the name, as another archive's path may leave, is no
+  // copy and no error.
+  mkdir((session_->getDir() + "/dir.tgz").c_str(), 0755);
+  EXPECT_FALSE(action.checkMD5({"y/dir.tgz", 7, sum}));
+}
 
 TEST_F(Md5CheckTest, CheckFileRecordsAMismatchOnly) {
   const std::string sum = countMd5Sum(std::string("archive"));
