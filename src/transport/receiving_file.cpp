@@ -37,7 +37,7 @@ bool ReceivingFile::Buffer::close() {
     if (error_.empty()) error_ = "cannot write " + path_ + ": already closed";
     return false;
   }
-  if (error_.empty() && fsync(fd_) != 0) fail("cannot write", errno);
+  if (error_.empty() && fdatasync(fd_) != 0) fail("cannot write", errno);
   if (::close(fd_) != 0 && error_.empty()) fail("cannot close", errno);
   fd_ = -1;
   return error_.empty();
