@@ -2,12 +2,14 @@
 
 #include <errno.h>
 #include <string.h>
+#include <sys/socket.h>
 
 #include <fstream>
 #include <log4cpp/Category.hh>
 #include <sstream>
 
 #include "commons/sh_quote.h"
+#include "errors/ex_traceable.h"
 #include "errors/tags.h"
 #include "transport/command_pump.h"
 #include "transport/receiving_file.h"
@@ -79,7 +81,14 @@ int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out,
       session_->openExecChannel(command, libssh2pp::Channel::kBlocking);
   CommandStreams streams{in, out, err, quietOutput, quietInput, counter};
   CommandPump pump(*session_, *channel, streams, alarm_);
-  pump.run();
+  try {
+    pump.run();
+  } catch (const MigrationTerminatedException&) {
+    // Closing the channel politely would wait until the remote command
+    // ends by itself; a cancelled run drops the connection instead.
+    shutdown(socket_->fd(), SHUT_RDWR);
+    throw;
+  }
   int status = pump.exitStatus();
   logger().debug("Execution finished with return code " +
                  std::to_string(status));
