@@ -365,6 +365,9 @@ struct HostileList {
   const char* description;  // part of the cause's text in the run record
 };
 
+// Test names and messages show the case's label, not its bytes.
+void PrintTo(const HostileList& list, std::ostream* os) { *os << list.label; }
+
 std::string listOf(const std::string& files, const std::string& total = "10") {
   return "<contentlist size=\"" + total + "\" unpacked=\"10\">" +
          "<file size=\"10\">fine.tgz</file>" + files + "</contentlist>";
