@@ -8,7 +8,8 @@ FERROW_PACKAGES=(
   libgtest-dev libgmock-dev
   util-linux mount passwd
   openssh-server openssh-client sudo iproute2
-  perl tar diffutils
+  perl tar diffutils time
+  valgrind
 )
 
 need_root() {
