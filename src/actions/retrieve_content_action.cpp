@@ -6,11 +6,11 @@
 #include <fstream>
 #include <log4cpp/Category.hh>
 #include <memory>
-#include <sstream>
 
 #include "agents/agent_spec.h"
 #include "commons/accounts.h"
 #include "commons/args_builder.h"
+#include "commons/capped_output.h"
 #include "commons/checksum.h"
 #include "commons/disk_space.h"
 #include "commons/make_dir.h"
@@ -231,7 +231,7 @@ std::unique_ptr<AgentFileList> RetrieveContentAction::fetchFileList() {
           << "--get-content-list";
   BoundedText list(kMaxContentListBytes);
   std::ostream out(&list);
-  std::ostringstream err;
+  CappedOutput err;
   int status = -1;
   try {
     status = execRoot(command.str(), out, err, false);
@@ -282,7 +282,7 @@ void RetrieveContentAction::fetchFile(const DumpFile& f,
   std::string local = destination + "/" + f.name;
   std::string remote = config_->agentDir + "/" + f.name;
   logger().debug("Fetching " + remote + " to " + local);
-  std::ostringstream err;
+  CappedOutput err;
   Ssh::Receipt receipt;
   try {
     receipt = getSsh()->receive(remote, err, local, updater);
@@ -324,7 +324,7 @@ std::string RetrieveContentAction::verify(const DumpFile& f,
 void RetrieveContentAction::removeRemoteFile(const std::string& remote) {
   ArgsBuilder command;
   command << "rm" << remote;
-  std::ostringstream out, err;
+  CappedOutput out, err;
   try {
     if (execRoot(command.str(), out, err, false) != 0) {
       Exc<&UnableToRemoveRemoteFile> e(__PRETTY_FUNCTION__, __FILE__, __LINE__);

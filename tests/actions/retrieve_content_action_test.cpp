@@ -604,6 +604,19 @@ TEST_F(RetrieveContentActionTest, MalformedListsFailBeforeAnyFetch) {
   }
 }
 
+TEST_F(RetrieveContentActionTest, FloodedErrorTextIsKeptWithinBounds) {
+  writeList();
+  const std::string flood = std::string(4 << 20, 'e');
+  writeFile(agentDir_ + "/failure", "first line\n" + flood + "\nlast line\n");
+  std::string message = failure();
+  EXPECT_LT(message.size(), 100000u);
+  EXPECT_THAT(message, ::testing::StartsWith(
+                           "CantRetrieveContentList: Error during content list "
+                           "retrieval: first line\n"));
+  EXPECT_THAT(message, HasSubstr(" bytes left out "));
+  EXPECT_THAT(message, ::testing::EndsWith("\nlast line\n"));
+}
+
 TEST_F(RetrieveContentActionTest, EndlessListIsCutOffAtItsBound) {
   addArchive("a.tgz", 100);
   unlink((agentDir_ + "/contentlist.xml").c_str());
