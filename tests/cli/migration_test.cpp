@@ -3,7 +3,6 @@
 // through sudo.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <boost/filesystem.hpp>
 #include <map>
@@ -11,6 +10,7 @@
 #include <vector>
 
 #include "support/ferrow_runner.h"
+#include "support/reference_source.h"
 #include "support/source_login.h"
 
 namespace ferrow_test {
@@ -40,28 +40,8 @@ class MigrationTest : public ::testing::TestWithParam<bool> {
   }
 
   void SetUp() override {
-    const std::string share = std::string(FERROW_SOURCE_DIR) + "/share";
-    const std::string qvt = install_.productRoot() + "/QVT";
-    fs::copy_file(share + "/scout.pl", qvt + "/scout.pl");
-    copyTree(share + "/agents", qvt + "/agents");
-    copyTree(share + "/sample-source", source_.path() + "/data");
-    writeFile(qvt + "/agents/reference/agent.conf",
-              "source-root: " + source_.path() + "/data\n");
-    chmod(source_.path().c_str(), 0755);
     login_ = GetParam() ? sourceLogin(sudoAccount(), true)
                         : sourceLogin(rootAccount(), false);
-  }
-
-  static void copyTree(const fs::path& from, const fs::path& to) {
-    fs::create_directories(to);
-    for (fs::recursive_directory_iterator it(from), end; it != end; ++it) {
-      fs::path target = to / fs::relative(it->path(), from);
-      if (fs::is_directory(it->path())) {
-        fs::create_directories(target);
-      } else {
-        fs::copy_file(it->path(), target, fs::copy_options::overwrite_existing);
-      }
-    }
   }
 
   // Runs one step; every step of a healthy migration exits 0 silently.
@@ -78,11 +58,10 @@ class MigrationTest : public ::testing::TestWithParam<bool> {
   }
 
   std::string session() const { return install_.sessionPath(); }
-  // "cd DIR; ..." takes the directory unquoted: no blanks here.
-  std::string agentDir() const { return source_.path() + "/agent"; }
+  std::string agentDir() const { return source_.agentDir(); }
 
   FerrowInstallation install_;
-  TempDir source_;
+  ReferenceSource source_{install_};
   SourceLogin login_;
 };
 
