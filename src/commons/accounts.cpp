@@ -5,6 +5,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <map>
+#include <mutex>
 #include <vector>
 
 #include "commons/host_log.h"
@@ -13,7 +15,15 @@ namespace tovel {
 
 const char kPanelAccount[] = "dyradm";
 
-AccountIds lookupAccount(const std::string& name) {
+namespace {
+
+std::mutex cacheMutex;
+std::map<std::string, AccountIds>& cache() {
+  static std::map<std::string, AccountIds> found;
+  return found;
+}
+
+bool readPasswordDatabase(const std::string& name, AccountIds* ids) {
   long hint = sysconf(_SC_GETPW_R_SIZE_MAX);
   std::vector<char> buffer(hint > 0 ? hint : 16384);
   passwd entry;
@@ -23,15 +33,34 @@ AccountIds lookupAccount(const std::string& name) {
                           &found)) == ERANGE) {
     buffer.resize(buffer.size() * 2);
   }
-  AccountIds ids;
   if (!found) {
     hostLog(HostLogLevel::kError, "Unable to find uid for user %s: %s",
             name.c_str(), rc != 0 ? std::strerror(rc) : "no such account");
-    return ids;
+    return false;
   }
-  ids.uid = found->pw_uid;
-  ids.gid = found->pw_gid;
+  ids->uid = found->pw_uid;
+  ids->gid = found->pw_gid;
+  return true;
+}
+
+}  // namespace
+
+AccountIds lookupAccount(const std::string& name) {
+  {
+    std::lock_guard<std::mutex> lock(cacheMutex);
+    auto it = cache().find(name);
+    if (it != cache().end()) return it->second;
+  }
+  AccountIds ids;
+  if (!readPasswordDatabase(name, &ids)) return AccountIds();
+  std::lock_guard<std::mutex> lock(cacheMutex);
+  cache()[name] = ids;
   return ids;
+}
+
+void forgetAccountLookups() {
+  std::lock_guard<std::mutex> lock(cacheMutex);
+  cache().clear();
 }
 
 }  // namespace tovel

@@ -1,6 +1,8 @@
 #include "commons/socket.h"
 
 #include <errno.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -33,6 +35,18 @@ std::string endpoint(const std::string& host, unsigned short port) {
       TOVEL_THROW(HostUnreachable) % host;
     default:
       TOVEL_THROW(ConnectionFault) % host % strerror(error);
+  }
+}
+
+// SSH sends many small messages (channel open, exec request, EOF, close)
+// and waits for the answer to each; with Nagle's algorithm against the
+// peer's delayed acknowledgement every new channel stalls for tens of
+// milliseconds. A failure only costs speed, so it is logged, not thrown.
+void disableNagle(int fd) {
+  int one = 1;
+  if (setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one) != 0) {
+    logger().error(std::string("Unable to set TCP_NODELAY: ") +
+                   strerror(errno));
   }
 }
 
@@ -96,6 +110,7 @@ int Socket::tryConnect(const addrinfo* address, bool* socketFailed) {
     return error;
   }
   fd_ = fd;
+  disableNagle(fd);
   return 0;
 }
 

@@ -19,7 +19,8 @@ class Socket {
   // HostUnreachable or ConnectionFault (message with strerror); a failed
   // socket() gives std::runtime_error "socket: <strerror>". Resolution
   // failures throw what gethostbyname throws. The connect time-out is the
-  // operating system's.
+  // operating system's. The connected socket sends small segments at once
+  // (TCP_NODELAY).
   Socket(const std::string& host, unsigned short port);
   ~Socket();
   Socket(const Socket&) = delete;

@@ -171,10 +171,11 @@ void Session::userauth_callback(const char*, int, const char*, int,
   }
 }
 
-std::unique_ptr<Channel> Session::openSessionChannel() {
-  LIBSSH2_CHANNEL* channel = libssh2_channel_open_ex(
-      get(), "session", sizeof("session") - 1, kChannelWindowSize,
-      kChannelPacketSize, nullptr, 0);
+std::unique_ptr<Channel> Session::openSessionChannel(unsigned windowSize,
+                                                     unsigned packetSize) {
+  LIBSSH2_CHANNEL* channel =
+      libssh2_channel_open_ex(get(), "session", sizeof("session") - 1,
+                              windowSize, packetSize, nullptr, 0);
   if (channel == nullptr) {
     int rc = libssh2_session_last_errno(get());
     if (isConnectionLoss(rc)) throwConnectionLost(get(), rc, "channel open");
@@ -187,7 +188,8 @@ std::unique_ptr<Channel> Session::openExecChannel(const std::string& command,
   logger().debug("Opening SSH channel for command '" + command + "'");
   SignalGuard noSignals;
   libssh2_session_set_blocking(get(), Channel::kBlocking);
-  std::unique_ptr<Channel> channel = openSessionChannel();
+  std::unique_ptr<Channel> channel =
+      openSessionChannel(kExecChannelWindowSize, kExecChannelPacketSize);
   int rc = libssh2_channel_process_startup(channel->get(), "exec", 4,
                                            command.data(), command.size());
   if (rc != 0) {
@@ -206,7 +208,7 @@ void Session::create_reserve_channel() {
   SignalGuard noSignals;
   libssh2_session_set_blocking(get(), Channel::kBlocking);
   reserveChannel_.reset();
-  reserveChannel_ = openSessionChannel();
+  reserveChannel_ = openSessionChannel(kChannelWindowSize, kChannelPacketSize);
   libssh2_channel_process_startup(reserveChannel_->get(), "exec", 4, "cat", 3);
 }
 

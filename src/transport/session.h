@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "commons/handle.h"
-#include "transport/signal_guard.h"
 #include "transport/channel.h"
+#include "transport/signal_guard.h"
 
 namespace tovel {
 namespace libssh2pp {
@@ -25,9 +25,19 @@ struct SessionFree {
 
 class Session : public Handle<LIBSSH2_SESSION*, SessionFree> {
  public:
-  // Window and packet size of every channel we open.
+  // Window and packet size of the reserve channel, which never carries
+  // data.
   static constexpr unsigned kChannelWindowSize = 65536;
   static constexpr unsigned kChannelPacketSize = 16384;
+  // Window and packet size of the exec channels, which carry the archives.
+  // A transfer moves at most one window per round trip: 64 KiB gave about
+  // 52 MiB/s at a 1 ms round trip and 7 MiB/s at 10 ms. The window is the
+  // smallest that reached the library's own ceiling at 10 ms in
+  // bench/ (scripts/bench, FERROW_BENCH_SWEEP); the library buffers up to
+  // one window, so a larger one only costs memory. 32768 is the largest
+  // packet the library accepts.
+  static constexpr unsigned kExecChannelWindowSize = 2 * 1024 * 1024;
+  static constexpr unsigned kExecChannelPacketSize = 32768;
   // Bound on every blocking library call (handshake, login, channel open
   // and close): a peer that stops answering cannot hang the run.
   static constexpr long kBlockingCallTimeoutMs = 30000;
@@ -92,7 +102,8 @@ class Session : public Handle<LIBSSH2_SESSION*, SessionFree> {
   bool tryPassword(const std::string& user, const std::string& password);
   bool tryKeyboardInteractive(const std::string& user,
                               const std::string& password);
-  std::unique_ptr<Channel> openSessionChannel();
+  std::unique_ptr<Channel> openSessionChannel(unsigned windowSize,
+                                              unsigned packetSize);
 
   int socket_;
   bool compatibility_;
