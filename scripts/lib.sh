@@ -10,6 +10,7 @@ FERROW_PACKAGES=(
   openssh-server openssh-client sudo iproute2
   perl tar diffutils time
   valgrind
+  bsdutils man-db groff-base bash-completion dpkg-dev binutils
 )
 
 need_root() {
