@@ -285,7 +285,9 @@ void RetrieveContentAction::fetchFile(const DumpFile& f,
   CappedOutput err;
   Ssh::Receipt receipt;
   try {
-    receipt = getSsh()->receive(remote, err, local, updater);
+    // Nothing beyond the listed size is wanted: an archive that does not
+    // end is cut off there rather than filling the disk.
+    receipt = getSsh()->receive(remote, err, local, updater, f.size);
   } catch (...) {
     discardLocalCopy(local);
     throw;

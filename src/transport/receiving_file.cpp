@@ -7,8 +7,8 @@
 
 namespace tovel {
 
-ReceivingFile::ReceivingFile(const std::string& path)
-    : std::ostream(&buffer_), buffer_(path) {
+ReceivingFile::ReceivingFile(const std::string& path, uint64_t maxBytes)
+    : std::ostream(&buffer_), buffer_(path, maxBytes) {
   if (!buffer_.error().empty()) setstate(std::ios::badbit);
 }
 
@@ -19,10 +19,10 @@ bool ReceivingFile::close() {
   return buffer_.error().empty();
 }
 
-ReceivingFile::Buffer::Buffer(const std::string& path)
+ReceivingFile::Buffer::Buffer(const std::string& path, uint64_t maxBytes)
     : path_(path),
-      fd_(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC,
-                 0666)) {
+      fd_(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)),
+      maxBytes_(maxBytes) {
   if (fd_ < 0) fail("cannot create", errno);
 }
 
@@ -56,6 +56,10 @@ ReceivingFile::Buffer::int_type ReceivingFile::Buffer::overflow(int_type c) {
 std::streamsize ReceivingFile::Buffer::xsputn(const char* data,
                                               std::streamsize size) {
   if (fd_ < 0 || !error_.empty()) return 0;
+  if (static_cast<uint64_t>(size) > maxBytes_ - bytes_) {
+    error_ = "received more than " + std::to_string(maxBytes_) + " bytes";
+    return 0;
+  }
   std::streamsize done = 0;
   while (done < size) {
     ssize_t written = ::write(fd_, data + done, size - done);

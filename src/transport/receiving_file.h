@@ -17,8 +17,10 @@ class ReceivingFile : public std::ostream {
  public:
   // Creates or truncates path (mode 0666 less the umask). A file that
   // cannot be created leaves the stream bad and error() set; nothing is
-  // thrown.
-  explicit ReceivingFile(const std::string& path);
+  // thrown. A write that would take the file beyond maxBytes fails as a
+  // write error does ("received more than N bytes").
+  explicit ReceivingFile(const std::string& path,
+                         uint64_t maxBytes = UINT64_MAX);
   // Closes the file if close() was not called; errors are then lost.
   ~ReceivingFile() override;
   ReceivingFile(const ReceivingFile&) = delete;
@@ -41,7 +43,7 @@ class ReceivingFile : public std::ostream {
   // descriptor.
   class Buffer : public std::streambuf {
    public:
-    explicit Buffer(const std::string& path);
+    Buffer(const std::string& path, uint64_t maxBytes);
     ~Buffer() override;
     bool close();
     uint64_t bytes() const { return bytes_; }
@@ -57,6 +59,7 @@ class ReceivingFile : public std::ostream {
 
     std::string path_;
     int fd_;
+    uint64_t maxBytes_;
     uint64_t bytes_ = 0;
     Md5Digest digest_;
     std::string error_;

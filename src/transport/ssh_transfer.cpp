@@ -125,10 +125,11 @@ int Ssh::get(const std::string& remotePath, std::ostream& err,
 }
 
 Ssh::Receipt Ssh::receive(const std::string& remotePath, std::ostream& err,
-                          const std::string& localPath, Counter& counter) {
+                          const std::string& localPath, Counter& counter,
+                          uint64_t maxBytes) {
   logger().debug("Reading data to the file " + localPath);
   Receipt receipt;
-  ReceivingFile file(localPath);
+  ReceivingFile file(localPath, maxBytes);
   if (file.error().empty()) {
     std::istringstream empty;
     try {

@@ -83,10 +83,12 @@ class Ssh {
   };
   // Reads a remote file with "cat" into a new (truncated) local file,
   // counting and summing the bytes on the way; cat's error text goes to
-  // `err`. A local write failure stops the fetch at once and is reported
-  // in the receipt, not thrown. Throws what exec throws otherwise.
+  // `err`. A local write failure, or more data than maxBytes, stops the
+  // fetch at once and is reported in the receipt, not thrown. Throws what
+  // exec throws otherwise.
   Receipt receive(const std::string& remotePath, std::ostream& err,
-                  const std::string& localPath, Counter& counter);
+                  const std::string& localPath, Counter& counter,
+                  uint64_t maxBytes = UINT64_MAX);
 
   // Writes a stream or a local file to a remote path with "cat >". The
   // remote status is not checked; a local file that cannot be read throws

@@ -496,8 +496,8 @@ TEST_F(VerifiedFetchTest, SizeOtherThanListedKeepsTheSourceCopy) {
 
   listed_ = {all[2]};
   writeList();
-  EXPECT_EQ(failure(), fetchFailure("long.tgz",
-                                    "received 1000 bytes, but 999 are listed"));
+  EXPECT_EQ(failure(),
+            fetchFailure("long.tgz", "received more than 999 bytes"));
   EXPECT_TRUE(fileExists(remote("long.tgz")));
   EXPECT_FALSE(fileExists(sessionFile("long.tgz")));
 }
@@ -526,6 +526,18 @@ TEST_F(VerifiedFetchTest, WrongSumIsRecordedAndTheSourceCopyKept) {
   run();
   EXPECT_TRUE(readFile(sessionFile("sub/a.tgz")) == bytes);
   EXPECT_FALSE(fileExists(remote("sub/a.tgz")));
+}
+
+TEST_F(VerifiedFetchTest, EndlessArchiveIsCutOffAtTheListedSize) {
+  ASSERT_EQ(symlink("/dev/zero", remote("endless.tgz").c_str()), 0);
+  listed_.push_back({"endless.tgz", 100000, ""});
+  writeList();
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(failure(),
+            fetchFailure("endless.tgz", "received more than 100000 bytes"));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
+  EXPECT_FALSE(fileExists(sessionFile("endless.tgz")));
+  EXPECT_TRUE(fileExists(remote("endless.tgz")));
 }
 
 TEST_F(VerifiedFetchTest, LocalFileThatCannotBeCreatedKeepsTheSourceCopy) {

@@ -54,6 +54,20 @@ TEST(ReceivingFileTest, CountsAndSumsWhatReachedTheFile) {
   EXPECT_EQ(file.bytes(), data.size());
 }
 
+TEST(ReceivingFileTest, NothingBeyondTheLimitIsTaken) {
+  TempDir dir;
+  ReceivingFile file(dir.path() + "/a.tgz", 5);
+  file << "abc"
+       << "de";
+  EXPECT_TRUE(file.good());
+  file << "f";
+  EXPECT_TRUE(file.bad());
+  EXPECT_EQ(file.bytes(), 5u);
+  EXPECT_FALSE(file.close());
+  EXPECT_EQ(file.error(), "received more than 5 bytes");
+  EXPECT_EQ(readFile(dir.path() + "/a.tgz"), "abcde");
+}
+
 TEST(ReceivingFileTest, FailuresAreReportedNotThrown) {
   ReceivingFile full("/dev/full");
   full.write("abc", 3);
