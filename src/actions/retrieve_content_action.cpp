@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <fstream>
 #include <log4cpp/Category.hh>
 #include <memory>
@@ -138,15 +139,23 @@ void discardLocalCopy(const std::string& path) {
 // --- FileRetrievalProgressUpdater ------------------------------------------
 
 FileRetrievalProgressUpdater::FileRetrievalProgressUpdater(
-    MigrationStatus& status, int64_t totalSize, int files, Clock clock)
+    MigrationStatus& status, int64_t totalSize, int files, Clock clock,
+    SaveClock saveClock)
     : status_(status),
       clock_(clock),
+      saveClock_(saveClock),
       startTime_(clock()),
       sizeLeft_(totalSize),
       filesLeft_(files),
       sizeTotal_(totalSize),
       filesTotal_(files) {
   report();
+}
+
+int64_t FileRetrievalProgressUpdater::monotonicMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
 }
 
 std::time_t FileRetrievalProgressUpdater::currentTime() {
@@ -168,7 +177,13 @@ void FileRetrievalProgressUpdater::operator()(long n) {
   status_.setTransferSpeed(std::to_string(speed_));
   status_.setTransferSizeLeft(std::to_string(sizeLeft_));
   status_.setTransferCurrentFileSizeLeft(std::to_string(currentFileSizeLeft_));
-  status_.saveFile();
+  int64_t nowMs = saveClock_();
+  if (!saved_ || currentFileSizeLeft_ <= 0 ||
+      nowMs - lastSaveMs_ >= kSaveIntervalMs) {
+    status_.saveFile();
+    saved_ = true;
+    lastSaveMs_ = nowMs;
+  }
   report();
 }
 
