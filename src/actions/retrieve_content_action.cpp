@@ -77,20 +77,6 @@ Exc<&WrongMd5Sum> wrongMd5Sum(const DumpFile& f, const std::string& sum) {
   return e;
 }
 
-// Failures that the driver reports with their own exit codes (11 to 18):
-// they leave the action as they are, so that a caller can tell a lost or
-// refused connection from a failed retrieval.
-bool isConnectionFailure(const ExTraceable& e) {
-  return dynamic_cast<const Exc<&ConnectionRefused>*>(&e) != nullptr ||
-         dynamic_cast<const Exc<&ConnectionTimedOut>*>(&e) != nullptr ||
-         dynamic_cast<const Exc<&NetworkUnreachable>*>(&e) != nullptr ||
-         dynamic_cast<const Exc<&HostUnreachable>*>(&e) != nullptr ||
-         dynamic_cast<const Exc<&ConnectionFault>*>(&e) != nullptr ||
-         dynamic_cast<const Exc<&HostNotFound>*>(&e) != nullptr ||
-         dynamic_cast<const Exc<&SshInvalidCredentials>*>(&e) != nullptr ||
-         dynamic_cast<const Exc<&SshConnectionFault>*>(&e) != nullptr;
-}
-
 // The content list is held in memory to be parsed; a bound keeps an agent
 // that never stops printing from exhausting it. Real lists take about
 // 150 bytes per archive.
@@ -209,7 +195,6 @@ void RetrieveContentAction::execute() {
   try {
     retrieve();
   } catch (const ExTraceable& e) {
-    if (isConnectionFailure(e)) throw;
     TOVEL_THROW_WRAP(CantRetrieveDump, e);
   }
 }

@@ -82,9 +82,16 @@ void readStandardInputList(config& cfg, std::istream& in) {
   }
 }
 
+// A connection failure keeps its own code when an action has wrapped it:
+// the caller must tell a lost connection from a failed step, whatever the
+// step.
 int exitCodeFor(const ExTraceable& e) {
-  for (const ExitCodeRow& row : kExitCodes) {
-    if (row.matches(e)) return row.code;
+  for (const ExTraceable* cause = &e; cause != nullptr;) {
+    for (const ExitCodeRow& row : kExitCodes) {
+      if (row.matches(*cause)) return row.code;
+    }
+    const auto* wrapper = dynamic_cast<const ExTaggedIncludable*>(cause);
+    cause = wrapper != nullptr ? wrapper->inner() : nullptr;
   }
   return 2;
 }

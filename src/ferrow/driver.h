@@ -29,7 +29,8 @@ int real_main(int argc, char** argv);
 int do_actions(config& cfg);
 
 // The exit code of a failure of the family: 11 to 18 for the connection
-// failures listed above, 2 for the rest.
+// failures listed above, also when an action wrapped one (the outermost
+// match counts), 2 for the rest.
 int exitCodeFor(const ExTraceable& e);
 
 // Replaces the first of cfg's resellers, clients and domains (in this

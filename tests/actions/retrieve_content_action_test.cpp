@@ -550,11 +550,17 @@ TEST_F(VerifiedFetchTest, LocalFileThatCannotBeCreatedKeepsTheSourceCopy) {
   EXPECT_TRUE(fileExists(remote("sub/a.tgz")));
 }
 
-TEST_F(VerifiedFetchTest, WrongPasswordIsNotWrapped) {
+TEST_F(VerifiedFetchTest, WrongPasswordIsWrappedWithItsCause) {
   addArchive("a.tgz", 100);
   writeList();
   cfg_.password += "x";
-  EXPECT_THROW(run(), Exc<&SshInvalidCredentials>);
+  try {
+    run();
+    ADD_FAILURE() << "a wrong password was accepted";
+  } catch (const Exc<&CantRetrieveDump>& e) {
+    ASSERT_NE(nullptr, e.inner());
+    EXPECT_EQ("SshInvalidCredentials", e.inner()->code());
+  }
   EXPECT_TRUE(fileExists(remote("a.tgz")));
 }
 

@@ -30,9 +30,15 @@ TEST(ExitCodeTest, EveryOtherErrorOfTheFamilyGives2) {
   EXPECT_EQ(2, codeOf<&SshAuthorizationFailed>());
   EXPECT_EQ(2, codeOf<&UnableToStartSshSession>());
   EXPECT_EQ(2, codeOf<&UnknownAction>());
-  // Only the outermost tag counts: the action wraps connection failures.
-  Exc<&SshConnectionFault> cause("f", "./f.cpp", 1);
-  EXPECT_EQ(2, exitCodeFor(Exc<&CantRetrieveDump>(cause, "g", "./g.cpp", 2)));
+  // A connection failure that an action wrapped keeps its code; any other
+  // cause gives the wrapper's.
+  Exc<&SshConnectionFault> lost("f", "./f.cpp", 1);
+  EXPECT_EQ(18, exitCodeFor(Exc<&CantRetrieveDump>(lost, "g", "./g.cpp", 2)));
+  Exc<&SshInvalidCredentials> refused("f", "./f.cpp", 1);
+  EXPECT_EQ(17,
+            exitCodeFor(Exc<&CantRetrieveDump>(refused, "g", "./g.cpp", 2)));
+  Exc<&NotEnoughSpace> full("f", "./f.cpp", 1);
+  EXPECT_EQ(2, exitCodeFor(Exc<&CantRetrieveDump>(full, "g", "./g.cpp", 2)));
 }
 
 TEST(StandardInputListTest, OnlyTheFirstDashListIsRead) {
