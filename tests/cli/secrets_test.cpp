@@ -71,7 +71,7 @@ class ProcessWatch {
   std::thread thread_;
 };
 
-class SecretsTest : public ::testing::Test {
+class PasswordLeakTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     ensurePanelAccount();
@@ -99,7 +99,7 @@ class SecretsTest : public ::testing::Test {
   SourceLogin login_ = sourceLogin(sudoAccount(), true);
 };
 
-TEST_F(SecretsTest, AWholeMigrationThroughSudoLeaksNoPassword) {
+TEST_F(PasswordLeakTest, AWholeMigrationThroughSudoLeaksNoPassword) {
   ProcessWatch watch(password());
   step({"--send-scout"});
   step({"--deploy-agent"});
