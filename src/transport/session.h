@@ -31,12 +31,13 @@ class Session : public Handle<LIBSSH2_SESSION*, SessionFree> {
   static constexpr unsigned kChannelPacketSize = 16384;
   // Window and packet size of the exec channels, which carry the archives.
   // A transfer moves at most one window per round trip: 64 KiB gave about
-  // 52 MiB/s at a 1 ms round trip and 7 MiB/s at 10 ms. The window is the
-  // smallest that reached the library's own ceiling at 10 ms in
-  // bench/ (scripts/bench, FERROW_BENCH_SWEEP); the library buffers up to
-  // one window, so a larger one only costs memory. 32768 is the largest
-  // packet the library accepts.
-  static constexpr unsigned kExecChannelWindowSize = 2 * 1024 * 1024;
+  // 52 MiB/s at a 1 ms round trip and 7 MiB/s at 10 ms. Measured with
+  // scripts/bench at a 10 ms round trip (128 MiB, against OpenSSH's 1.06 s):
+  // 2 MiB took 1.41 s, 4 MiB 1.17 s, 8 MiB 1.01 s. The library buffers up
+  // to one window, and the peak resident memory of a run grew with it:
+  // 13.3 MiB, 15.3 MiB and 19.4 MiB. 4 MiB is the largest that keeps a run
+  // under 16 MiB. 32768 is the largest packet the library accepts.
+  static constexpr unsigned kExecChannelWindowSize = 4 * 1024 * 1024;
   static constexpr unsigned kExecChannelPacketSize = 32768;
   // Bound on every blocking library call (handshake, login, channel open
   // and close): a peer that stops answering cannot hang the run.
