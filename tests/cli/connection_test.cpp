@@ -33,30 +33,34 @@ typedef std::chrono::steady_clock Clock;
 
 const char kLocalHost[] = "127.0.0.1";
 
+// A TCP socket bound to a free port of 127.0.0.1; throws when none can be.
+int boundLoopbackSocket(unsigned short* port) {
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof(address);
+  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
+      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+    throw std::runtime_error("cannot bind a port of 127.0.0.1");
+  }
+  *port = ntohs(address.sin_port);
+  return fd;
+}
+
 // A port of 127.0.0.1 held bound but not listening, so that a connect()
 // to it is refused for as long as the object lives.
 class ClosedPort {
  public:
-  ClosedPort() : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof(address);
-    if (fd_ < 0 ||
-        bind(fd_, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
-        getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
-      throw std::runtime_error("cannot hold a closed port");
-    }
-    port_ = ntohs(address.sin_port);
-  }
+  ClosedPort() : fd_(boundLoopbackSocket(&port_)) {}
   ~ClosedPort() { close(fd_); }
   ClosedPort(const ClosedPort&) = delete;
   ClosedPort& operator=(const ClosedPort&) = delete;
   unsigned short port() const { return port_; }
 
  private:
-  int fd_;
   unsigned short port_ = 0;
+  int fd_;
 };
 
 // A port of 127.0.0.1 that accepts TCP but never speaks SSH. Silent: the
@@ -67,19 +71,8 @@ class ClosedPort {
 class MuteServer {
  public:
   enum Kind { kSilent, kTrickling };
-  explicit MuteServer(Kind kind)
-      : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof(address);
-    if (fd_ < 0 ||
-        bind(fd_, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
-        getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &size) != 0 ||
-        listen(fd_, 8) != 0) {
-      throw std::runtime_error("cannot listen on 127.0.0.1");
-    }
-    port_ = ntohs(address.sin_port);
+  explicit MuteServer(Kind kind) : fd_(boundLoopbackSocket(&port_)) {
+    if (listen(fd_, 8) != 0) throw std::runtime_error("cannot listen");
     if (kind == kTrickling) trickler_ = std::thread([this] { trickle(); });
   }
   ~MuteServer() {
@@ -106,8 +99,8 @@ class MuteServer {
     for (int client : clients) close(client);
   }
 
-  int fd_;
   unsigned short port_ = 0;
+  int fd_;
   std::atomic<bool> stop_{false};
   std::thread trickler_;
 };

@@ -12,6 +12,7 @@
 
 #include "commons/sh_quote.h"
 #include "package/package_support.h"
+#include "support/reference_source.h"
 #include "support/source_login.h"
 
 namespace ferrow_test {
@@ -68,32 +69,12 @@ class ProgressViewTest : public ::testing::Test {
   }
 
   void SetUp() override {
-    const std::string share = std::string(FERROW_SOURCE_DIR) + "/share";
-    const std::string qvt = install_.productRoot() + "/QVT";
-    fs::copy_file(share + "/scout.pl", qvt + "/scout.pl");
-    copyTree(share + "/agents", qvt + "/agents");
-    copyTree(share + "/sample-source", source_.path() + "/data");
-    writeFile(qvt + "/agents/reference/agent.conf",
-              "source-root: " + source_.path() + "/data\n");
-    chmod(source_.path().c_str(), 0755);
     login_ = sourceLogin(rootAccount(), false);
 
     ASSERT_EQ(step({"--deploy-agent"}).exitCode, 0);
     ASSERT_EQ(step({"--dump-all"}).exitCode, 0);
     listed_ = listedArchives();
     ASSERT_GE(listed_.size(), 3u);
-  }
-
-  static void copyTree(const fs::path& from, const fs::path& to) {
-    fs::create_directories(to);
-    for (fs::recursive_directory_iterator it(from), end; it != end; ++it) {
-      fs::path target = to / fs::relative(it->path(), from);
-      if (fs::is_directory(it->path())) {
-        fs::create_directories(target);
-      } else {
-        fs::copy_file(it->path(), target, fs::copy_options::overwrite_existing);
-      }
-    }
   }
 
   std::vector<std::string> withSession(std::vector<std::string> args) const {
@@ -135,10 +116,10 @@ class ProgressViewTest : public ::testing::Test {
   }
 
   std::string session() const { return install_.sessionPath(); }
-  std::string agentDir() const { return source_.path() + "/agent"; }
+  std::string agentDir() const { return source_.agentDir(); }
 
   FerrowInstallation install_;
-  TempDir source_;
+  ReferenceSource source_{install_};
   SourceLogin login_;
   std::vector<std::string> listed_;
 };
