@@ -37,10 +37,12 @@
 #include "support/log_capture.h"
 #include "support/source_login.h"
 #include "support/sshd_server.h"
+#include "support/test_bytes.h"
 
 namespace tovel {
 namespace {
 
+using ferrow_test::archiveBytes;
 using ferrow_test::fileExists;
 using ferrow_test::LogCapture;
 using ferrow_test::readFile;
@@ -58,16 +60,6 @@ const char kAgentScript[] =
     "if [ -f delay ]; then sleep \"$(cat delay)\"; fi\n"
     "if [ -f failure ]; then cat failure >&2; exit 3; fi\n"
     "cat contentlist.xml\n";
-
-// Bytes that are not text, so that a transfer that mangles anything shows.
-std::string archiveBytes(size_t size, unsigned seed) {
-  std::string bytes(size, '\0');
-  for (size_t i = 0; i < size; ++i) {
-    seed = seed * 1103515245u + 12345u;
-    bytes[i] = static_cast<char>(seed >> 16);
-  }
-  return bytes;
-}
 
 struct Listed {
   std::string name;

@@ -26,6 +26,7 @@
 #include "support/ferrow_runner.h"
 #include "support/source_login.h"
 #include "support/sshd_server.h"
+#include "support/test_bytes.h"
 
 namespace ferrow_test {
 namespace {
@@ -36,15 +37,6 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 
 const char kAgentScript[] = "cat contentlist.xml\n";
-
-std::string archiveBytes(size_t size, unsigned seed) {
-  std::string bytes(size, '\0');
-  for (size_t i = 0; i < size; ++i) {
-    seed = seed * 1103515245u + 12345u;
-    bytes[i] = static_cast<char>(seed >> 16);
-  }
-  return bytes;
-}
 
 struct Listed {
   std::string name;
@@ -64,35 +56,6 @@ std::string contentList(const std::vector<Listed>& files) {
   }
   xml << "</contentlist>\n";
   return xml.str();
-}
-
-// The sshd processes at and below `pid`, parents first.
-void collectSshd(pid_t pid, std::vector<pid_t>* found) {
-  found->push_back(pid);
-  std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), closedir);
-  while (dirent* entry = readdir(proc.get())) {
-    std::ifstream stat(std::string("/proc/") + entry->d_name + "/stat");
-    std::string line;
-    if (!std::getline(stat, line)) continue;
-    std::string name = line.substr(line.find('(') + 1);
-    name = name.substr(0, name.rfind(')'));
-    std::istringstream fields(line.substr(line.rfind(')') + 2));
-    char state;
-    pid_t parent = 0;
-    fields >> state >> parent;
-    if (parent == pid && name == "sshd")
-      collectSshd(atoi(entry->d_name), found);
-  }
-}
-
-// Drops every open connection from the server's side, leaving the listener
-// and the commands the connections run: the client must notice by itself.
-void killConnections() {
-  for (pid_t monitor : SshdServer::shared().connectionPids()) {
-    std::vector<pid_t> pids;
-    collectSshd(monitor, &pids);
-    for (pid_t pid : pids) kill(pid, SIGKILL);
-  }
 }
 
 uint64_t sizeOf(const std::string& path) {
@@ -314,7 +277,7 @@ TEST_F(ContentFaultsTest, ServerKilledMidFetchEndsWith18AndRerunCompletes) {
   bool midFetch = fifo.waitForReader() &&
                   fifo.write(killed.substr(0, 1 << 20)) &&
                   waitForSize(local("killed.tgz"), 1 << 20);
-  killConnections();
+  SshdServer::shared().killConnections();
   Clock::time_point killedAt = Clock::now();
   run.join();
   EXPECT_TRUE(midFetch);

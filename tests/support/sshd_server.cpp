@@ -261,6 +261,31 @@ pid_t parentOf(const std::string& pid) {
   return fields ? ppid : -1;
 }
 
+// The name a process runs under ("sshd"), from /proc/<pid>/stat.
+std::string commandOf(const std::string& pid) {
+  std::ifstream in("/proc/" + pid + "/stat");
+  std::string stat;
+  std::getline(in, stat);
+  size_t start = stat.find('(');
+  size_t end = stat.rfind(')');
+  if (start == std::string::npos || end == std::string::npos) return "";
+  return stat.substr(start + 1, end - start - 1);
+}
+
+// The sshd processes at and below pid, parents first.
+void collectSshd(pid_t pid, std::vector<pid_t>* found) {
+  found->push_back(pid);
+  std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), closedir);
+  if (!proc) return;
+  while (const dirent* entry = readdir(proc.get())) {
+    std::string name = entry->d_name;
+    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+    if (parentOf(name) == pid && commandOf(name) == "sshd") {
+      collectSshd(std::stoi(name), found);
+    }
+  }
+}
+
 }  // namespace
 
 const TestAccount& rootAccount() { return allAccounts()[kRoot]; }
@@ -362,6 +387,16 @@ std::vector<pid_t> SshdServer::connectionPids() const {
     if (parentOf(name) == pid_) children.push_back(std::stoi(name));
   }
   return children;
+}
+
+void SshdServer::killConnection(pid_t monitor) {
+  std::vector<pid_t> pids;
+  collectSshd(monitor, &pids);
+  for (pid_t pid : pids) kill(pid, SIGKILL);
+}
+
+void SshdServer::killConnections() const {
+  for (pid_t monitor : connectionPids()) killConnection(monitor);
 }
 
 std::vector<pid_t> SshdServer::waitForConnections(size_t count,

@@ -71,6 +71,13 @@ class SshdServer {
   // The listener's direct children: one monitor process per open
   // connection. Killing one with SIGKILL drops that connection.
   std::vector<pid_t> connectionPids() const;
+  // Kills (SIGKILL) the server side of the connection whose monitor is
+  // `monitor`: the monitor and its sshd children, parents first, leaving
+  // the command the connection runs. Killing the command first would let
+  // sshd report its end before the connection goes.
+  static void killConnection(pid_t monitor);
+  // The same for every open connection.
+  void killConnections() const;
   // Polls for up to timeoutMs until at least count connections are open;
   // returns their pids (fewer on timeout).
   std::vector<pid_t> waitForConnections(size_t count,

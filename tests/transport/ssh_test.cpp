@@ -285,43 +285,13 @@ TEST_F(SshTest, FileContentsNeverReachTheLog) {
 
 // --- failures during a command ---------------------------------------------
 
-// The sshd processes at and below `pid` (the monitor and its unprivileged
-// child, which hold the connection), parents first.
-void collectSshd(pid_t pid, std::vector<pid_t>* found) {
-  found->push_back(pid);
-  std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), closedir);
-  while (dirent* entry = readdir(proc.get())) {
-    std::ifstream stat(std::string("/proc/") + entry->d_name + "/stat");
-    std::string line;
-    if (!std::getline(stat, line)) continue;
-    std::string name = line.substr(line.find('(') + 1);
-    name = name.substr(0, name.rfind(')'));
-    std::istringstream fields(line.substr(line.rfind(')') + 2));
-    char state;
-    pid_t parent = 0;
-    fields >> state >> parent;
-    if (parent == pid && name == "sshd") {
-      collectSshd(atoi(entry->d_name), found);
-    }
-  }
-}
-
-// Kills the server side of a connection without touching the command it
-// runs: killing the command first would let sshd report its end before
-// the connection goes.
-void killConnection(pid_t monitor) {
-  std::vector<pid_t> pids;
-  collectSshd(monitor, &pids);
-  for (pid_t pid : pids) kill(pid, SIGKILL);
-}
-
 // Drops the connection from the server's side at the first output chunk.
 class ConnectionKiller : public Ssh::Counter {
  public:
   void update(size_t) override {
     if (done_) return;
     done_ = true;
-    for (pid_t pid : SshdServer::shared().connectionPids()) killConnection(pid);
+    SshdServer::shared().killConnections();
   }
 
  private:
