@@ -35,7 +35,7 @@ class Session : public Handle<LIBSSH2_SESSION*, SessionFree> {
   // scripts/bench at a 10 ms round trip (128 MiB, against OpenSSH's 1.06 s):
   // 2 MiB took 1.41 s, 4 MiB 1.17 s, 8 MiB 1.01 s. The library buffers up
   // to one window, and the peak resident memory of a run grew with it:
-  // 13.3 MiB, 15.3 MiB and 19.4 MiB. 4 MiB is the largest that keeps a run
+  // 13.0 MiB, 15.0 MiB and 19.0 MiB. 4 MiB is the largest that keeps a run
   // under 16 MiB. 32768 is the largest packet the library accepts.
   static constexpr unsigned kExecChannelWindowSize = 4 * 1024 * 1024;
   static constexpr unsigned kExecChannelPacketSize = 32768;
