@@ -1,7 +1,7 @@
 #include "xml/xml_document.h"
 
-#include <libxml/parser.h>
 #include <fcntl.h>
+#include <libxml/parser.h>
 #include <libxml/xmlsave.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -17,6 +17,7 @@
 #include "commons/accounts.h"
 #include "commons/temp_files.h"
 #include "xml/xml_errors.h"
+#include "xml/xml_text.h"
 
 namespace tovel {
 
@@ -137,47 +138,6 @@ void replaceFile(const std::string& temporary, const std::string& target) {
     int err = errno;
     TOVEL_THROW(CantRenameFile) % temporary % target % strerror(err);
   }
-}
-
-// Length of the UTF-8 sequence at text[i] when it encodes a character that
-// an XML document may hold, else 0.
-size_t xmlCharLength(const std::string& text, size_t i) {
-  unsigned char lead = static_cast<unsigned char>(text[i]);
-  if (lead < 0x80) {
-    return lead >= 0x20 || lead == '\t' || lead == '\n' || lead == '\r';
-  }
-  size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : lead >= 0xC2 ? 2 : 0;
-  if (length == 0 || lead > 0xF4 || i + length > text.size()) return 0;
-  uint32_t code = lead & (0x7F >> length);
-  for (size_t k = 1; k < length; ++k) {
-    unsigned char next = static_cast<unsigned char>(text[i + k]);
-    if ((next & 0xC0) != 0x80) return 0;
-    code = (code << 6) | (next & 0x3F);
-  }
-  static const uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
-  if (code < kSmallest[length] || code > 0x10FFFF) return 0;
-  if ((code >= 0xD800 && code <= 0xDFFF) || code == 0xFFFE || code == 0xFFFF)
-    return 0;
-  return length;
-}
-
-// Text from outside (a host name, a remote error output) may hold bytes
-// that XML cannot carry; libxml2 would write them raw and leave a document
-// no reader accepts. Each such byte becomes U+FFFD.
-std::string asXmlText(const std::string& text) {
-  std::string safe;
-  safe.reserve(text.size());
-  for (size_t i = 0; i < text.size();) {
-    size_t length = xmlCharLength(text, i);
-    if (length == 0) {
-      safe += "\xEF\xBF\xBD";
-      ++i;
-    } else {
-      safe.append(text, i, length);
-      i += length;
-    }
-  }
-  return safe;
 }
 
 }  // namespace
