@@ -3,20 +3,18 @@
 // leak in any step.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <boost/filesystem.hpp>
 #include <string>
 #include <vector>
 
 #include "support/ferrow_runner.h"
+#include "support/reference_source.h"
 #include "support/source_login.h"
 
 namespace ferrow_test {
 namespace {
 
-namespace fs = boost::filesystem;
 using ::testing::HasSubstr;
 
 const char kValgrind[] = "/usr/bin/valgrind";
@@ -45,26 +43,6 @@ class ValgrindTest : public ::testing::Test {
       GTEST_SKIP() << kValgrind << " is not installed (apt-get install "
                    << "valgrind); the migration was not checked by memcheck";
     }
-    const std::string share = std::string(FERROW_SOURCE_DIR) + "/share";
-    const std::string qvt = install_.productRoot() + "/QVT";
-    fs::copy_file(share + "/scout.pl", qvt + "/scout.pl");
-    copyTree(share + "/agents", qvt + "/agents");
-    copyTree(share + "/sample-source", source_.path() + "/data");
-    writeFile(qvt + "/agents/reference/agent.conf",
-              "source-root: " + source_.path() + "/data\n");
-    chmod(source_.path().c_str(), 0755);
-  }
-
-  static void copyTree(const fs::path& from, const fs::path& to) {
-    fs::create_directories(to);
-    for (fs::recursive_directory_iterator it(from), end; it != end; ++it) {
-      fs::path target = to / fs::relative(it->path(), from);
-      if (fs::is_directory(it->path())) {
-        fs::create_directories(target);
-      } else {
-        fs::copy_file(it->path(), target, fs::copy_options::overwrite_existing);
-      }
-    }
   }
 
   // Runs one step under memcheck; it must succeed silently and memcheck
@@ -91,10 +69,10 @@ class ValgrindTest : public ::testing::Test {
     EXPECT_THAT(report, HasSubstr("ERROR SUMMARY: 0 errors")) << name;
   }
 
-  std::string agentDir() const { return source_.path() + "/agent"; }
+  std::string agentDir() const { return source_.agentDir(); }
 
   FerrowInstallation install_;
-  TempDir source_;
+  ReferenceSource source_{install_};
   TempDir logs_;
 };
 
