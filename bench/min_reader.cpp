@@ -10,6 +10,9 @@
 //     --packet=BYTES    channel packet size (default 16384)
 //     --nodelay         set TCP_NODELAY on the socket
 //     --out-dir=DIR     local copies are DIR/<base name> (required)
+//     --checked         also what ferrow must do with a fetched archive
+//                       before the source copy may go: MD5 of every byte
+//                       received (on the reading thread) and fdatasync
 //
 // Exit status 0 when every "cat" exited 0.
 #include <arpa/inet.h>
@@ -17,6 +20,7 @@
 #include <libssh2.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <openssl/evp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -35,6 +39,7 @@ struct Options {
   unsigned window = 65536;
   unsigned packet = 16384;
   bool nodelay = false;
+  bool checked = false;
   std::string outDir;
   std::vector<std::string> files;
 };
@@ -60,6 +65,8 @@ Options parse(int argc, char** argv) {
       o.packet = static_cast<unsigned>(strtoul(v.c_str(), nullptr, 10));
     } else if (strcmp(argv[i], "--nodelay") == 0) {
       o.nodelay = true;
+    } else if (strcmp(argv[i], "--checked") == 0) {
+      o.checked = true;
     } else if (takeValue(argv[i], "--out-dir", &v)) {
       o.outDir = v;
     } else {
@@ -135,6 +142,8 @@ int fetch(LIBSSH2_SESSION* s, const Options& o, const std::string& remote) {
   int fd = open(local.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) throw std::runtime_error("open " + local);
   std::vector<char> buf(65536);
+  EVP_MD_CTX* md5 = EVP_MD_CTX_new();
+  EVP_DigestInit(md5, EVP_md5());
   for (;;) {
     ssize_t n = libssh2_channel_read_ex(ch, 0, buf.data(), buf.size());
     if (n == 0) break;
@@ -142,9 +151,15 @@ int fetch(LIBSSH2_SESSION* s, const Options& o, const std::string& remote) {
     for (ssize_t off = 0; off < n;) {
       ssize_t put = write(fd, buf.data() + off, n - off);
       if (put < 0) throw std::runtime_error("write " + local);
+      if (o.checked) EVP_DigestUpdate(md5, buf.data() + off, put);
       off += put;
     }
   }
+  unsigned char sum[EVP_MAX_MD_SIZE];
+  unsigned length = 0;
+  EVP_DigestFinal(md5, sum, &length);
+  EVP_MD_CTX_free(md5);
+  if (o.checked && fdatasync(fd) != 0) throw std::runtime_error("sync");
   close(fd);
   libssh2_channel_wait_closed(ch);
   int status = libssh2_channel_get_exit_status(ch);

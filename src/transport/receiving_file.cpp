@@ -3,7 +3,10 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <system_error>
 
 namespace tovel {
 
@@ -19,14 +22,56 @@ bool ReceivingFile::close() {
   return buffer_.error().empty();
 }
 
+namespace {
+
+// Readable too where possible, so that the file can be summed by reading
+// it back; a file we may only write is still taken.
+int openForWriting(const std::string& path) {
+  const int flags = O_CREAT | O_TRUNC | O_CLOEXEC;
+  int fd = ::open(path.c_str(), O_RDWR | flags, 0666);
+  if (fd < 0 && errno == EACCES) fd = ::open(path.c_str(), O_WRONLY | flags);
+  return fd;
+}
+
+}  // namespace
+
 ReceivingFile::Buffer::Buffer(const std::string& path, uint64_t maxBytes)
-    : path_(path),
-      fd_(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)),
-      maxBytes_(maxBytes) {
-  if (fd_ < 0) fail("cannot create", errno);
+    : path_(path), fd_(openForWriting(path)), maxBytes_(maxBytes) {
+  if (fd_ < 0) {
+    fail("cannot create", errno);
+    return;
+  }
+  startSum();
+}
+
+// A regular file we can read is summed by a thread of its own; anything
+// else, or when no thread can be started, on the writer's thread.
+void ReceivingFile::Buffer::startSum() {
+  struct stat st;
+  if (fstat(fd_, &st) != 0 || !S_ISREG(st.st_mode)) return;
+  if ((fcntl(fd_, F_GETFL) & O_ACCMODE) != O_RDWR) return;
+  try {
+    follower_ = std::make_unique<FileFollower>(fd_);
+  } catch (const std::system_error&) {
+    // No thread to spare: xsputn sums on this one.
+  }
+}
+
+void ReceivingFile::Buffer::finishSum() {
+  if (!follower_) {
+    md5sum_ = digest_.finish();
+    return;
+  }
+  std::string readError;
+  md5sum_ = follower_->finish(&readError);
+  follower_.reset();
+  if (!readError.empty() && error_.empty()) {
+    error_ = "cannot read back " + path_ + ": " + readError;
+  }
 }
 
 ReceivingFile::Buffer::~Buffer() {
+  follower_.reset();
   if (fd_ >= 0) ::close(fd_);
 }
 
@@ -37,6 +82,7 @@ bool ReceivingFile::Buffer::close() {
     if (error_.empty()) error_ = "cannot write " + path_ + ": already closed";
     return false;
   }
+  finishSum();
   if (error_.empty() && fdatasync(fd_) != 0) fail("cannot write", errno);
   if (::close(fd_) != 0 && error_.empty()) fail("cannot close", errno);
   fd_ = -1;
@@ -68,8 +114,12 @@ std::streamsize ReceivingFile::Buffer::xsputn(const char* data,
       fail("cannot write", written < 0 ? errno : ENOSPC);
       break;
     }
-    digest_.update(data + done, static_cast<std::size_t>(written));
     bytes_ += static_cast<uint64_t>(written);
+    if (follower_) {
+      follower_->written(bytes_);
+    } else {
+      digest_.update(data + done, static_cast<std::size_t>(written));
+    }
     done += written;
   }
   return done;

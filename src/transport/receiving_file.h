@@ -1,15 +1,19 @@
 // ReceivingFile: a local file filled from a stream of received chunks. It
-// counts the bytes that reached the file and sums them with MD5 as they are
-// written, so a fetched archive can be checked without reading it back.
+// counts the bytes that reached the file and sums them with MD5 while they
+// are written, so a fetched archive can be checked without reading it back
+// afterwards. A regular file is summed, and handed to the disk, by a
+// FileFollower on a second thread, so the writer only writes.
 #ifndef FERROW_TRANSPORT_RECEIVING_FILE_H_
 #define FERROW_TRANSPORT_RECEIVING_FILE_H_
 
 #include <cstdint>
+#include <memory>
 #include <ostream>
 #include <streambuf>
 #include <string>
 
 #include "commons/checksum.h"
+#include "transport/file_follower.h"
 
 namespace tovel {
 
@@ -26,14 +30,15 @@ class ReceivingFile : public std::ostream {
   ReceivingFile(const ReceivingFile&) = delete;
   ReceivingFile& operator=(const ReceivingFile&) = delete;
 
-  // Flushes the file to the disk and closes it; false (error() set) when
-  // that or any earlier step failed. Later writes fail.
+  // Completes the sum, flushes the file to the disk and closes it; false
+  // (error() set) when that or any earlier step failed. Later writes fail.
   bool close();
 
   // Bytes written to the file so far.
   uint64_t bytes() const { return buffer_.bytes(); }
-  // MD5 of those bytes; meant to be read once, after the last write.
-  std::string md5sum() { return buffer_.md5sum(); }
+  // MD5 of those bytes, once close() was called; empty before, or when the
+  // file could not be read back.
+  const std::string& md5sum() const { return buffer_.md5sum(); }
   // Empty while all went well, else what failed first, e.g. "cannot write
   // /a/b: No space left on device".
   const std::string& error() const { return buffer_.error(); }
@@ -47,7 +52,7 @@ class ReceivingFile : public std::ostream {
     ~Buffer() override;
     bool close();
     uint64_t bytes() const { return bytes_; }
-    std::string md5sum() { return digest_.finish(); }
+    const std::string& md5sum() const { return md5sum_; }
     const std::string& error() const { return error_; }
 
    protected:
@@ -55,13 +60,18 @@ class ReceivingFile : public std::ostream {
     std::streamsize xsputn(const char* data, std::streamsize size) override;
 
    private:
+    void startSum();
+    void finishSum();
     void fail(const char* what, int err);
 
     std::string path_;
     int fd_;
     uint64_t maxBytes_;
     uint64_t bytes_ = 0;
+    // A regular file is summed by follower_, anything else (a device) here.
     Md5Digest digest_;
+    std::unique_ptr<FileFollower> follower_;
+    std::string md5sum_;
     std::string error_;
   };
 

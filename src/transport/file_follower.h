@@ -1,0 +1,69 @@
+// FileFollower: a thread of its own that follows a regular file while
+// another thread writes it. It reads back (from the page cache) what the
+// writer reports as written, sums it with MD5, and starts writing it to the
+// disk, so that neither the sum nor the final flush holds up the writer.
+#ifndef FERROW_TRANSPORT_FILE_FOLLOWER_H_
+#define FERROW_TRANSPORT_FILE_FOLLOWER_H_
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "commons/checksum.h"
+
+namespace tovel {
+
+class FileFollower {
+ public:
+  // fd: a regular file open for reading and writing, not owned; it must
+  // stay open until finish() returns or this is destroyed. The thread runs
+  // with every signal blocked, so the process's handlers keep running on
+  // the caller's thread. Throws InvalidHandle when no digest context can be
+  // made, std::system_error when no thread can be started.
+  explicit FileFollower(int fd);
+  // Stops the thread at its next piece and joins it; the sum is lost.
+  ~FileFollower();
+  FileFollower(const FileFollower&) = delete;
+  FileFollower& operator=(const FileFollower&) = delete;
+
+  // The file's bytes [0, end) are written and will not change. Cheap: no
+  // lock unless the thread is asleep with enough work waiting for it.
+  void written(uint64_t end);
+
+  // Waits until everything reported is summed and returns the sum; empty,
+  // with *error set, when the file could not be read back in full. Only the
+  // first call waits; later calls return the same.
+  std::string finish(std::string* error);
+
+ private:
+  void run();
+  bool waitForWork(uint64_t* end);
+  bool sumUpTo(uint64_t end, std::vector<char>& buffer);
+  void startWriteback(uint64_t end);
+
+  const int fd_;
+  Md5Digest digest_;
+  // Written by the writer, read by the thread.
+  std::atomic<uint64_t> reported_{0};
+  std::atomic<bool> finishing_{false};
+  std::atomic<bool> abandoned_{false};
+  // While the thread sleeps: the end at which the writer must wake it.
+  std::atomic<uint64_t> wakeAt_{UINT64_MAX};
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  // The thread's own.
+  uint64_t summed_ = 0;
+  uint64_t flushed_ = 0;
+  // Written by the thread, read after it is joined.
+  std::string sum_;
+  std::string error_;
+  std::thread thread_;
+};
+
+}  // namespace tovel
+
+#endif  // FERROW_TRANSPORT_FILE_FOLLOWER_H_
