@@ -2,6 +2,7 @@
 // another thread writes it. It reads back (from the page cache) what the
 // writer reports as written, sums it with MD5, and starts writing it to the
 // disk, so that neither the sum nor the final flush holds up the writer.
+// It runs at idle priority until the writer waits for it in finish().
 #ifndef FERROW_TRANSPORT_FILE_FOLLOWER_H_
 #define FERROW_TRANSPORT_FILE_FOLLOWER_H_
 
@@ -41,6 +42,7 @@ class FileFollower {
 
  private:
   void run();
+  void yieldToWriter();
   bool waitForWork(uint64_t* end);
   bool sumUpTo(uint64_t end, std::vector<char>& buffer);
   void startWriteback(uint64_t end);
