@@ -9,106 +9,103 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <system_error>
 
 namespace tovel {
 namespace {
 
-// The thread reads back in pieces of this size (its only buffer)...
+// The file is read back in pieces of this size (the only buffer)...
 const uint64_t kReadSize = 128 * 1024;
-// ...sleeps until this much more is written, so that the writer seldom has
-// to wake it while the bytes are still in the page cache...
+// ...the thread sleeps until this much more is written, so that the writer
+// seldom has to wake it while the bytes are still in the page cache...
 const uint64_t kBatch = 1024 * 1024;
 // ...and hands what it summed to the disk in runs of this size.
 const uint64_t kWritebackRun = 8 * 1024 * 1024;
 
 }  // namespace
 
-FileFollower::FileFollower(int fd) : fd_(fd) {
+FileFollower::FileFollower(int fd) : fd_(fd) {}
+
+FileFollower::~FileFollower() { stopThread(); }
+
+void FileFollower::written(uint64_t end) {
+  reported_ = end;
+  if (!started_ && end >= kBatch) startThread();
+  if (end < wakeAt_) return;
+  std::lock_guard<std::mutex> lock(mutex_);
+  wake_.notify_one();
+}
+
+void FileFollower::startThread() {
+  started_ = true;
+  buffer_.resize(kReadSize);
   sigset_t all;
   sigset_t previous;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &previous);
   try {
     thread_ = std::thread(&FileFollower::run, this);
-  } catch (...) {
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-    throw;
+  } catch (const std::system_error&) {
+    // No thread to spare: finish() does all of it.
   }
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
 }
 
-FileFollower::~FileFollower() {
-  abandoned_ = true;
-  std::string ignored;
-  finish(&ignored);
-}
-
-void FileFollower::written(uint64_t end) {
-  reported_ = end;
-  if (end < wakeAt_) return;
-  std::lock_guard<std::mutex> lock(mutex_);
-  wake_.notify_one();
-}
-
 std::string FileFollower::finish(std::string* error) {
-  if (thread_.joinable()) {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      finishing_ = true;
-      // Now the caller waits for the rest: it is done at full priority.
-      sched_param normal{};
-      pthread_setschedparam(thread_.native_handle(), SCHED_OTHER, &normal);
-      wake_.notify_one();
-    }
-    thread_.join();
+  if (!finished_) {
+    finished_ = true;
+    stopThread();
+    buffer_.resize(kReadSize);
+    if (error_.empty() && sumUpTo(reported_, false)) sum_ = digest_.finish();
   }
   *error = error_;
   return sum_;
 }
 
-void FileFollower::run() {
-  yieldToWriter();
-  std::vector<char> buffer(kReadSize);
-  uint64_t end = 0;
-  while (waitForWork(&end)) {
-    if (!sumUpTo(end, buffer)) return;
-    startWriteback(end);
+// The thread gives up at its next piece; it may be far behind on a busy
+// machine, and the caller waiting for it should not wait at idle priority.
+void FileFollower::stopThread() {
+  if (!thread_.joinable()) return;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stop_ = true;
+    wake_.notify_one();
   }
-  if (!abandoned_) sum_ = digest_.finish();
+  thread_.join();
 }
 
-// While the writer writes, this thread takes only CPU time that nothing
-// else wants: on a machine with few cores, taking a core from the writer
-// or from whatever feeds it costs more than the sum saves. Skipped when
-// finish() came first, as it raises the priority again.
-void FileFollower::yieldToWriter() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (finishing_) return;
+// Idle priority: on a machine with few cores, taking a core from the
+// writer, or from whatever feeds it, costs more than the sum saves.
+void FileFollower::run() {
   sched_param idle{};
   pthread_setschedparam(pthread_self(), SCHED_IDLE, &idle);
+  uint64_t end = 0;
+  while (waitForWork(&end) && sumUpTo(end, true)) startWriteback(end);
 }
 
-// False once everything reported is summed and no more will come, or when
-// the work is abandoned.
+// False when the thread is to stop.
 bool FileFollower::waitForWork(uint64_t* end) {
   std::unique_lock<std::mutex> lock(mutex_);
   wakeAt_ = summed_ + kBatch;
-  wake_.wait(lock, [this] { return finishing_ || reported_ >= wakeAt_; });
+  wake_.wait(lock, [this] { return stop_ || reported_ >= wakeAt_; });
   wakeAt_ = UINT64_MAX;
   *end = reported_;
-  return !abandoned_ && *end > summed_;
+  return !stop_;
 }
 
-bool FileFollower::sumUpTo(uint64_t end, std::vector<char>& buffer) {
-  while (summed_ < end && !abandoned_) {
+// False, with error_ set, when the file cannot be read back; also false when
+// stoppable and the thread is to stop.
+bool FileFollower::sumUpTo(uint64_t end, bool stoppable) {
+  while (summed_ < end) {
+    if (stoppable && stop_) return false;
     size_t want = static_cast<size_t>(std::min(kReadSize, end - summed_));
-    ssize_t got = pread(fd_, buffer.data(), want, static_cast<off_t>(summed_));
+    ssize_t got = pread(fd_, buffer_.data(), want, static_cast<off_t>(summed_));
     if (got < 0 && errno == EINTR) continue;
     if (got <= 0) {
       error_ = got < 0 ? strerror(errno) : "the file became shorter";
       return false;
     }
-    digest_.update(buffer.data(), static_cast<size_t>(got));
+    digest_.update(buffer_.data(), static_cast<size_t>(got));
     summed_ += static_cast<uint64_t>(got);
   }
   return true;

@@ -6,8 +6,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <system_error>
-
 namespace tovel {
 
 ReceivingFile::ReceivingFile(const std::string& path, uint64_t maxBytes)
@@ -44,17 +42,13 @@ ReceivingFile::Buffer::Buffer(const std::string& path, uint64_t maxBytes)
   startSum();
 }
 
-// A regular file we can read is summed by a thread of its own; anything
-// else, or when no thread can be started, on the writer's thread.
+// A regular file we can read back is summed by a follower; anything else
+// (a device, a file we may only write) as it passes through xsputn.
 void ReceivingFile::Buffer::startSum() {
   struct stat st;
   if (fstat(fd_, &st) != 0 || !S_ISREG(st.st_mode)) return;
   if ((fcntl(fd_, F_GETFL) & O_ACCMODE) != O_RDWR) return;
-  try {
-    follower_ = std::make_unique<FileFollower>(fd_);
-  } catch (const std::system_error&) {
-    // No thread to spare: xsputn sums on this one.
-  }
+  follower_ = std::make_unique<FileFollower>(fd_);
 }
 
 void ReceivingFile::Buffer::finishSum() {
