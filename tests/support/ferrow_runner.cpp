@@ -22,7 +22,9 @@ namespace {
 // bind mounts, the source/target pairs, then the command to exec. The
 // overlay gives /etc a private writable layer, so that missing mount points
 // there exist in this namespace only; it comes before the binds, which it
-// would otherwise hide.
+// would otherwise hide. Its layers live on a tmpfs: unmounting an overlay
+// syncs its upper file system, so layers on the disk would make the end of
+// every run flush whatever any test had written.
 const char kNamespaceScript[] =
     "set -e\n"
     "scratch=$1; overlay=$2; isolate=$3; setup=$4; mounts=$5; count=$6\n"
@@ -32,6 +34,8 @@ const char kNamespaceScript[] =
     "  eval \"$setup\"\n"
     "fi\n"
     "if [ \"$overlay\" = 1 ]; then\n"
+    "  mkdir -p \"$scratch\"\n"
+    "  mount -t tmpfs -o size=16m,mode=0700 tmpfs \"$scratch\"\n"
     "  mkdir -p \"$scratch/upper\" \"$scratch/work\"\n"
     "  mount -t overlay overlay -o "
     "lowerdir=/etc,upperdir=\"$scratch/upper\",workdir=\"$scratch/work\" /etc\n"
