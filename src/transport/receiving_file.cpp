@@ -51,7 +51,12 @@ void ReceivingFile::Buffer::startSum() {
   follower_ = std::make_unique<FileFollower>(fd_);
 }
 
+// A file that failed is not checked, so it is not read back either.
 void ReceivingFile::Buffer::finishSum() {
+  if (!error_.empty()) {
+    follower_.reset();
+    return;
+  }
   if (!follower_) {
     md5sum_ = digest_.finish();
     return;

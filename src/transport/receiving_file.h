@@ -36,8 +36,8 @@ class ReceivingFile : public std::ostream {
 
   // Bytes written to the file so far.
   uint64_t bytes() const { return buffer_.bytes(); }
-  // MD5 of those bytes, once close() was called; empty before, or when the
-  // file could not be read back.
+  // MD5 of those bytes, once close() was called; empty before, after a
+  // failure, or when the file could not be read back.
   const std::string& md5sum() const { return buffer_.md5sum(); }
   // Empty while all went well, else what failed first, e.g. "cannot write
   // /a/b: No space left on device".
@@ -68,7 +68,8 @@ class ReceivingFile : public std::ostream {
     int fd_;
     uint64_t maxBytes_;
     uint64_t bytes_ = 0;
-    // A regular file is summed by follower_, anything else (a device) here.
+    // A regular file is summed by follower_, anything else (a device, a
+    // file we may only write) here.
     Md5Digest digest_;
     std::unique_ptr<FileFollower> follower_;
     std::string md5sum_;
