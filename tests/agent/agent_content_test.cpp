@@ -62,7 +62,7 @@ TEST(AgentContentTest, ListGivesTrueSizesAndSums) {
   uint64_t unpacked = 0;
   for (const char* domain :
        {"carol.test", "dave.test", "example.test", "shop.example.test"})
-    for (const char* part : {"/httpdocs", "/mail"})
+    for (const char* part : {"/site", "/mail"})
       if (fileExists(sampleSource() + "/domains/" + domain + part))
         unpacked += treeSize(sampleSource() + "/domains/" + domain + part);
   EXPECT_EQ(list->getUnpackedSize(), static_cast<int64_t>(unpacked));
@@ -79,7 +79,7 @@ TEST(AgentContentTest, ArchivesHoldTheDomainsFiles) {
     SCOPED_TRACE(name);
     std::string domain = name.substr(0, name.rfind('_'));
     std::string part =
-        name.find("_web.") != std::string::npos ? "httpdocs" : "mail";
+        name.find("_web.") != std::string::npos ? "site" : "mail";
     TempDir unpacked;
     mustRun("tar", {"-xf", agent.file(name), "-C", unpacked.path()});
     RunResult diff = runProgram(

@@ -63,7 +63,7 @@ TEST(AgentDumpTest, DumpAllDescribesEveryObject) {
   EXPECT_EQ(xpathString(dump, domain + "/hosting/@files"), "4");
   EXPECT_EQ(xpathString(dump, domain + "/hosting/@size"),
             std::to_string(
-                treeSize(sampleSource() + "/domains/example.test/httpdocs")));
+                treeSize(sampleSource() + "/domains/example.test/site")));
   EXPECT_EQ(xpathStrings(dump, domain + "/mail/mailbox/@messages"),
             std::vector<std::string>({"2", "1"}));
   EXPECT_TRUE(

@@ -136,27 +136,27 @@ class AgentsFactoryTest : public ::testing::Test {
 };
 
 TEST_F(AgentsFactoryTest, FindsAnAgentAndLogsItsSpec) {
-  addAgent("pleskx",
+  addAgent("sample",
            "Description: Source agent\nEntryPoint: agent.pl\n"
            "DocumentType: dump.dtd\nStylesheet: s.xsl\n");
   LogCapture agentLog("p.Agent");
   LogCapture factoryLog("p.AgentsFactory");
-  std::shared_ptr<Agent> agent = factory_.getAgent("pleskx");
+  std::shared_ptr<Agent> agent = factory_.getAgent("sample");
   ASSERT_TRUE(agent);
-  EXPECT_EQ(agent->getName(), "pleskx");
+  EXPECT_EQ(agent->getName(), "sample");
   EXPECT_EQ(agent->getEntryPoint(), "agent.pl");
   EXPECT_EQ(agent->getStylesheet(), "s.xsl");
   EXPECT_EQ(agent->getInterpreter(), "");
   EXPECT_EQ(agent->getInterpreterOrDefault(), "perl");
   EXPECT_EQ(agent->getDocumentTypePath(),
-            catalogue_ + "/pleskx/control/dump.dtd");
+            catalogue_ + "/sample/control/dump.dtd");
   EXPECT_THAT(
       factoryLog.lines(),
-      ElementsAre("Parsing pleskx", "Parsing " + catalogue_ + "/pleskx"));
+      ElementsAre("Parsing sample", "Parsing " + catalogue_ + "/sample"));
   EXPECT_THAT(
       agentLog.lines(),
       ElementsAre("Description: Source agent", "EntryPoint: agent.pl",
-                  "DocumentType: " + catalogue_ + "/pleskx/control/dump.dtd",
+                  "DocumentType: " + catalogue_ + "/sample/control/dump.dtd",
                   "Interpreter: perl"));
 }
 

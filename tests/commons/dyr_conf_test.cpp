@@ -124,14 +124,14 @@ TEST(DyrConfTest, DefaultsUntilTheFileIsReadThenCached) {
                 ": No such file or directory",
             log.lines()[0]);
 
-  conf.write("HTTPD_VHOSTS_D /home/vhosts\nCUSTOM_KEY custom\n");
-  EXPECT_STREQ("/home/vhosts", dyrConfGetDefaultByIndex(kHttpdVhostsD));
+  conf.write("HTTPD_VHOSTS_D /srv/sites\nCUSTOM_KEY custom\n");
+  EXPECT_STREQ("/srv/sites", dyrConfGetDefaultByIndex(kHttpdVhostsD));
   EXPECT_STREQ("/usr/bin", dyrConfGetDefault("MYSQL_BIN_D"));
   EXPECT_STREQ("custom", dyrConfGet("CUSTOM_KEY"));
   EXPECT_EQ(nullptr, dyrConfGetByIndex(kDyrConfSlots));
   EXPECT_EQ(nullptr, dyrConfGetByIndex(-1));
   conf.write("HTTPD_VHOSTS_D /elsewhere\nMYSQL_BIN_D /opt/mysql\n");
-  EXPECT_STREQ("/home/vhosts", dyrConfGetByIndex(kHttpdVhostsD));
+  EXPECT_STREQ("/srv/sites", dyrConfGetByIndex(kHttpdVhostsD));
   EXPECT_EQ(nullptr, dyrConfGetByIndex(kMysqlBinD));
 
   EXPECT_EQ(nullptr, dyrConfGetDefault("CUSTOM_KEY"));

@@ -121,12 +121,12 @@ TEST(AgentDeploymentStatusTest, GivesTheRemoteStatusFileName) {
 
 TEST(AgentsListTest, PrintsTheAgentsAdded) {
   std::unique_ptr<AgentsList> list = createAgentsListFile();
-  list->addAgent("pleskX", "Agent for <X>");
+  list->addAgent("sampleX", "Agent for <X>");
   list->addAgent("second", "");
   ::testing::internal::CaptureStdout();
   list->saveDocToStdout();
   EXPECT_EQ(
-      "<agents-list><agent><name>pleskX</name><description>Agent for &lt;X&gt;"
+      "<agents-list><agent><name>sampleX</name><description>Agent for &lt;X&gt;"
       "</description></agent><agent><name>second</name><description>"
       "</description>"
       "</agent></agents-list>",

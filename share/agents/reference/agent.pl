@@ -205,8 +205,8 @@ sub domain_element {
     my ($domain, $args, $content) = @_;
     my $dir = $domain->{dir};
     my @parts;
-    if ($args->{filter} ne 'mail' && -d "$dir/httpdocs") {
-        my @entries = tree_entries($dir, 'httpdocs');
+    if ($args->{filter} ne 'mail' && -d "$dir/site") {
+        my @entries = tree_entries($dir, 'site');
         push @parts, element('hosting', content_figures($dir, @entries),
             pack_part($domain, 'web', $args, $content, @entries));
     }

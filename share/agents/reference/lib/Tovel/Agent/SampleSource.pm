@@ -9,7 +9,7 @@ package Tovel::Agent::SampleSource;
 #   clients/NAME/info            owner (a reseller; none: the admin's),
 #                                contact, email
 #   domains/NAME/info            owner (a client), ip
-#   domains/NAME/httpdocs/...    web content
+#   domains/NAME/site/...        web content
 #   domains/NAME/mail/BOX/...    mailboxes (maildir: cur/, new/)
 use strict;
 use warnings;
