@@ -1,60 +1,63 @@
+// The command line and the password variables into a config record, the
+// refusals in the order they are checked, the agent's dump arguments and
+// input, the exit-code table and the list read from standard input.
 #include "ferrow/options.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <sstream>
 #include <string>
 #include <vector>
 
-#include "errors/exc.h"
 #include "errors/tags.h"
+#include "ferrow/driver.h"
+#include "ferrow/dump_options.h"
+#include "support/ferrow_runner.h"
 
 namespace tovel {
 namespace {
 
-const char kPrefix[] = "Unable to parse command line: ";
-
-// An argv array with "ferrow" in front, owning its strings; getopt may
-// permute the pointers but never writes into the strings.
-class Argv {
- public:
-  explicit Argv(const std::vector<const char*>& args) {
-    strings_.emplace_back("ferrow");
-    strings_.insert(strings_.end(), args.begin(), args.end());
-    for (std::string& s : strings_) pointers_.push_back(&s[0]);
-    pointers_.push_back(nullptr);
-  }
-  int argc() const { return static_cast<int>(strings_.size()); }
-  char** argv() { return pointers_.data(); }
-
- private:
-  std::vector<std::string> strings_;
-  std::vector<char*> pointers_;
-};
-
-// Every case starts with neither password variable set and with the
-// DYR_PASSWORD buffer not yet read.
 class OptionsTest : public ::testing::Test {
  protected:
   void SetUp() override { clearEnvironment(); }
   void TearDown() override { clearEnvironment(); }
-
   static void clearEnvironment() {
     unsetenv("DYR_PASSWORD");
     unsetenv("DYR_SUDO_PASSWORD");
-    resetEnvPasswordForTesting();
   }
 
-  // Parses into a fresh record; the parse must succeed.
-  static config parse(const std::vector<const char*>& args) {
-    Argv argv(args);
+  // Parses a command line of blank-separated words after "ferrow"; words
+  // such as "DYR_PASSWORD=p" set the environment first, as a shell would.
+  // The scanner must answer `ok`, printing its diagnostic when it refuses.
+  static config parse(const std::string& line, bool ok = true) {
+    clearEnvironment();
+    std::vector<std::string> words = {"ferrow"};
+    std::istringstream in(line);
+    for (std::string w; in >> w;) {
+      size_t eq = w.find('=');
+      if (w.compare(0, 4, "DYR_") != 0) {
+        words.push_back(w);
+      } else {
+        setenv(w.substr(0, eq).c_str(), w.substr(eq + 1).c_str(), 1);
+      }
+    }
+    std::vector<char*> argv;
+    for (std::string& w : words) argv.push_back(&w[0]);
     config cfg;
-    EXPECT_TRUE(parse_options(argv.argc(), argv.argv(), &cfg));
+    ::testing::internal::CaptureStderr();
+    resetEnvPasswordForTesting();
+    EXPECT_EQ(ok,
+              parse_options(static_cast<int>(words.size()), argv.data(), &cfg))
+        << line;
+    std::string diagnostic = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(ok, diagnostic.empty()) << line;
     return cfg;
   }
 
-  // The message verify_options throws, or "" when it accepts the record.
-  static std::string verifyMessage(config cfg) {
+  // The refusal of verify_options for the line, "" when it accepts it.
+  static std::string refusal(const std::string& line) {
+    config cfg = parse(line);
     try {
       verify_options(&cfg);
     } catch (const Exc<&::OptParsingError>& e) {
@@ -63,427 +66,295 @@ class OptionsTest : public ::testing::Test {
     return "";
   }
 
-  static std::string notAllowed(const std::string& what) {
-    return kPrefix + what + " is not allowed with --help or -h\n";
-  }
-  static std::string required(const std::string& what) {
-    return kPrefix + what + " is required unless --help or -h requested\n";
-  }
-
-  // A record every connecting action other than the scout accepts.
-  static config complete(int action) {
-    config cfg;
-    cfg.action = action;
-    cfg.host = "src.example";
-    cfg.login = "admin";
-    cfg.password = "pw";
-    cfg.agentDir = "agent";
-    cfg.agentName = "Unix";
-    return cfg;
+  // The dump arguments joined by " ", "|", then the input.
+  static std::string dump(const std::string& line) {
+    config cfg = parse(line);
+    std::vector<std::string> arguments;
+    std::string text;
+    buildDumpArguments(cfg, arguments, text);
+    std::string joined;
+    for (const std::string& a : arguments) joined += a + " ";
+    return joined + "|" + text;
   }
 };
 
-// --- parse_options ---------------------------------------------------------
-
-TEST_F(OptionsTest, EachActionOptionStoresItsId) {
-  const struct {
-    const char* option;
-    int id;
-  } cases[] = {
-      {"--send-scout", 0},
-      {"--deploy-agent", 1},
-      {"--get-dumping-status", 2},
-      {"--dump-selected", 3},
-      {"--dump-all", 4},
-      {"--get-content", 5},
-      {"--remove-agent", 6},
-      {"--remove-dumping-status", 7},
-      {"--help", 8},
-      {"-h", 8},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(c.id, parse({c.option}).action) << c.option;
+TEST_F(OptionsTest, ScannerFindsTheActionOrRefuses) {
+  // "-xh" leaves the scanner inside a cluster: the next call must start
+  // afresh and not see its "h".
+  for (const char* bad : {"--send-scout --bogus", "--host", "--dump",
+                          "--send-scout=yes", "-xh --send-scout"}) {
+    parse(bad, false);
   }
-  EXPECT_EQ(kNoAction, parse({"--host", "h"}).action);
-}
-
-TEST_F(OptionsTest, MoreThanOneActionIsMarked) {
-  EXPECT_EQ(kManyActions, parse({"--dump-all", "--dump-selected"}).action);
-  EXPECT_EQ(kHelp, parse({"--send-scout", "-h", "--help"}).action);
-  EXPECT_EQ(kHelp, parse({"--help", "--send-scout"}).action);
-  EXPECT_EQ(kHelp, parse({"--dump-all", "--dump-selected", "-h"}).action);
-  EXPECT_EQ(kManyActions, parse({"--get-content", "--get-content"}).action);
-}
-
-TEST_F(OptionsTest, ValuesAfterEqualsSignOrInNextArgument) {
-  config cfg =
-      parse({"--host=h1", "--login", "root", "--agent-dir=ad", "--agent-name",
-             "an", "--dumps-dir=dd", "--resellers", "r1,r2", "--clients=-",
-             "--domains", "a.com,b.com", "--selected-objects-file=/tmp/sel",
-             "--session-path", "/var/s", "--content-transport=rsync"});
-  EXPECT_EQ("h1", cfg.host);
-  EXPECT_EQ("root", cfg.login);
-  EXPECT_EQ("ad", cfg.agentDir);
-  EXPECT_EQ("an", cfg.agentName);
-  EXPECT_EQ("dd", cfg.dumpsDir);
-  EXPECT_EQ("r1,r2", cfg.resellers);
-  EXPECT_EQ("-", cfg.clients);
-  EXPECT_EQ("a.com,b.com", cfg.domains);
-  EXPECT_EQ("/tmp/sel", cfg.selectedObjectsFile);
-  EXPECT_EQ("/var/s", cfg.sessionPath);
-  EXPECT_EQ("rsync", cfg.contentTransport);
-  // A value may itself look like an option when it follows as an argument.
-  EXPECT_EQ("--dump-all", parse({"--login", "--dump-all"}).login);
-  EXPECT_EQ("", parse({"--login="}).login);
-}
-
-TEST_F(OptionsTest, SwitchesSetTheirFields) {
-  config cfg = parse({"--no-content", "--no-compress", "--no-check-space",
-                      "--no-encryption", "--verbose", "--server",
-                      "--admin-info", "--no-license"});
-  EXPECT_EQ(1, cfg.noContent);
-  EXPECT_EQ(2, cfg.compression);
-  EXPECT_TRUE(cfg.noCheckSpace);
-  EXPECT_TRUE(cfg.noEncryption);
-  EXPECT_EQ(1, cfg.verbose);
-  EXPECT_TRUE(cfg.server);
-  EXPECT_TRUE(cfg.adminInfo);
-  EXPECT_TRUE(cfg.noLicense);
-  EXPECT_FALSE(cfg.sudo);
-  EXPECT_EQ(0, cfg.only);
-
-  config untouched = parse({"--dump-all"});
-  EXPECT_EQ(0, untouched.noContent);
-  EXPECT_EQ(0, untouched.compression);
-  EXPECT_EQ(0, untouched.verbose);
-  EXPECT_FALSE(untouched.noLicense);
-}
-
-TEST_F(OptionsTest, LaterOptionWins) {
-  EXPECT_EQ("new", parse({"--ip", "old", "--host", "new"}).host);
-  EXPECT_EQ("new", parse({"--host=old", "--ip=new"}).host);
-  EXPECT_EQ("b", parse({"--login=a", "--login=b"}).login);
-  EXPECT_EQ(2, parse({"--only-mail", "--only-hosting"}).only);
-  EXPECT_EQ(1, parse({"--only-hosting", "--only-mail"}).only);
-  EXPECT_EQ(22, parse({"--port=abc", "--port=22"}).port);
-}
-
-TEST_F(OptionsTest, PortMustFitSixteenBitsAndNotBeZero) {
-  EXPECT_EQ(0, parse({"--send-scout"}).port);
-  EXPECT_EQ(1, parse({"--port=1"}).port);
-  EXPECT_EQ(65535, parse({"--port", "65535"}).port);
-  EXPECT_EQ(-1, parse({"--port=65536"}).port);
-  EXPECT_EQ(-1, parse({"--port=0"}).port);
-  EXPECT_EQ(-1, parse({"--port=abc"}).port);
-  EXPECT_EQ(-1, parse({"--port="}).port);
-  EXPECT_EQ(-1, parse({"--port=-22"}).port);
-  EXPECT_EQ(-1, parse({"--port=99999999999999999999999"}).port);
-  // strtol stops at the first non-digit; the leading number counts.
-  EXPECT_EQ(2222, parse({"--port=2222x"}).port);
-}
-
-TEST_F(OptionsTest, SudoPasswordComesFromTheEnvironment) {
-  config absent = parse({"--sudo-password"});
-  EXPECT_TRUE(absent.sudo);
-  EXPECT_FALSE(absent.sudoPasswordProvided);
-  EXPECT_EQ("", absent.sudoPassword);
-
-  setenv("DYR_SUDO_PASSWORD", "", 1);
-  config empty = parse({"--sudo-password"});
-  EXPECT_TRUE(empty.sudoPasswordProvided);
-  EXPECT_EQ("", empty.sudoPassword);
-
-  setenv("DYR_SUDO_PASSWORD", "s3cr et", 1);
-  config given = parse({"--sudo-password"});
-  EXPECT_TRUE(given.sudoPasswordProvided);
-  EXPECT_EQ("s3cr et", given.sudoPassword);
-  // Unlike DYR_PASSWORD, the variable stays for later readers.
-  ASSERT_NE(nullptr, std::getenv("DYR_SUDO_PASSWORD"));
-
-  // Without the option the variable is not looked at.
-  config unasked = parse({"--send-scout"});
-  EXPECT_FALSE(unasked.sudo);
-  EXPECT_FALSE(unasked.sudoPasswordProvided);
-  EXPECT_EQ("", unasked.sudoPassword);
-}
-
-TEST_F(OptionsTest, PasswordIsTakenAndRemovedFromTheEnvironment) {
-  setenv("DYR_PASSWORD", "ssh-pw", 1);
-  config cfg = parse({"--send-scout"});
-  EXPECT_EQ("ssh-pw", cfg.password);
-  EXPECT_EQ(nullptr, std::getenv("DYR_PASSWORD"));
-
-  // A second parse in the same process still sees the password read first.
-  EXPECT_EQ("ssh-pw", parse({"--send-scout"}).password);
-}
-
-TEST_F(OptionsTest, ScannerErrorsReturnFalse) {
-  const std::vector<std::vector<const char*>> bad = {
-      {"--send-scout", "--bogus"},
-      {"--host"},            // value missing at the end
-      {"--dump"},            // ambiguous prefix
-      {"-x"},                // the only short option is -h
-      {"--send-scout=yes"},  // no value allowed
+  const std::pair<const char*, int> cases[] = {
+      {"--deploy-agent", kDeployAgent},
+      {"--send-scout", kSendScout},
+      {"--get-dumping-status", kGetDumpingStatus},
+      {"--dump-selected", kDumpSelected},
+      {"--dump-all", kDumpAll},
+      {"--get-content", kGetContent},
+      {"--remove-agent", kRemoveAgent},
+      {"--remove-dumping-status", kRemoveDumpingStatus},
+      {"--help", kHelp},
+      {"--host h", kNoAction},
+      {"--dump-all --dump-selected", kManyActions},
+      {"--get-content --get-content", kManyActions},
+      {"--send-scout -h", kHelp},  // help wins wherever it stands
+      {"--help --send-scout", kHelp},
+      {"--dump-all --dump-selected -h", kHelp},
   };
-  for (const auto& args : bad) {
-    Argv argv(args);
-    config cfg;
-    ::testing::internal::CaptureStderr();
-    bool ok = parse_options(argv.argc(), argv.argv(), &cfg);
-    std::string diagnostic = ::testing::internal::GetCapturedStderr();
-    EXPECT_FALSE(ok) << args[0];
-    EXPECT_NE(std::string::npos, diagnostic.find("ferrow")) << diagnostic;
-  }
+  for (const auto& c : cases) EXPECT_EQ(c.second, parse(c.first).action);
 }
 
-TEST_F(OptionsTest, ScannerStartsAfreshOnEveryCall) {
-  // Leave the scanner in the middle of a cluster of short options.
-  Argv first({"-xh", "--send-scout"});
-  config ignored;
-  ::testing::internal::CaptureStderr();
-  EXPECT_FALSE(parse_options(first.argc(), first.argv(), &ignored));
-  ::testing::internal::GetCapturedStderr();
-
-  config cfg = parse({"--deploy-agent", "--host", "h", "--login=l"});
-  EXPECT_EQ(kDeployAgent, cfg.action);
-  EXPECT_EQ("h", cfg.host);
-  EXPECT_EQ("l", cfg.login);
+TEST_F(OptionsTest, ValuesAndSwitchesLandInTheirFieldsLaterOneWins) {
+  config cfg = parse(
+      "--ip=old --host h1 --login --dump-all --agent-dir=ad --agent-name an "
+      "--dumps-dir=dd --resellers r1,r2 --clients=- --domains a,b "
+      "--selected-objects-file=/sel --session-path /s --content-transport=rs "
+      "--only-hosting --only-mail --no-content --no-compress --no-check-space "
+      "--no-encryption --verbose --server --admin-info --no-license");
+  EXPECT_EQ(kNoAction, cfg.action);  // "--dump-all" is the login
+  EXPECT_EQ("h1|--dump-all|ad|an|dd|r1,r2|-|a,b|/sel|/s|rs",
+            cfg.host + "|" + cfg.login + "|" + cfg.agentDir + "|" +
+                cfg.agentName + "|" + cfg.dumpsDir + "|" + cfg.resellers + "|" +
+                cfg.clients + "|" + cfg.domains + "|" +
+                cfg.selectedObjectsFile + "|" + cfg.sessionPath + "|" +
+                cfg.contentTransport);
+  EXPECT_EQ(1121, cfg.only * 1000 + cfg.noContent * 100 + cfg.compression * 10 +
+                      cfg.verbose);
+  EXPECT_TRUE(cfg.noCheckSpace && cfg.noEncryption && cfg.server &&
+              cfg.adminInfo && cfg.noLicense && !cfg.sudo);
+  EXPECT_EQ(2, parse("--only-mail --only-hosting").only);
+  EXPECT_EQ("new", parse("--host=old --ip=new").host);
+  // Port: 0 when absent, -1 outside [1, 65535]; strtol reads the leading
+  // number.
+  const std::pair<const char*, int> ports[] = {{"", 0},
+                                               {"--port=1", 1},
+                                               {"--port 65535", 65535},
+                                               {"--port=0", -1},
+                                               {"--port=65536", -1},
+                                               {"--port=abc", -1},
+                                               {"--port=-22", -1},
+                                               {"--port=2222x", 2222},
+                                               {"--port=abc --port=22", 22}};
+  for (const auto& p : ports) EXPECT_EQ(p.second, parse(p.first).port);
 }
 
-// --- get_env_noncrypted_password and the sudo helpers ----------------------
+TEST_F(OptionsTest, PasswordsComeFromTheEnvironment) {
+  EXPECT_FALSE(parse("DYR_SUDO_PASSWORD=x --send-scout").sudoPasswordProvided);
+  config absent = parse("--sudo-password");
+  EXPECT_TRUE(absent.sudo && !absent.sudoPasswordProvided);
+  EXPECT_TRUE(parse("DYR_SUDO_PASSWORD= --sudo-password").sudoPasswordProvided);
+  config given = parse("DYR_SUDO_PASSWORD=s3cr --sudo-password");
+  EXPECT_EQ("s3cr", given.sudoPassword);
+  EXPECT_NE(nullptr, std::getenv("DYR_SUDO_PASSWORD"));  // left for others
 
-TEST_F(OptionsTest, EnvPasswordIsReadOnlyOnce) {
-  EXPECT_STREQ("", get_env_noncrypted_password());
-  // The variable appearing later is not picked up: the buffer stays as read.
-  setenv("DYR_PASSWORD", "late", 1);
-  EXPECT_STREQ("", get_env_noncrypted_password());
-
-  resetEnvPasswordForTesting();
-  setenv("DYR_PASSWORD", "first", 1);
-  EXPECT_STREQ("first", get_env_noncrypted_password());
+  // DYR_PASSWORD is read once, cut at 4096 characters and removed, so no
+  // later child inherits it.
+  std::string longer = std::string(4095, 'b') + "ZTAIL";
+  EXPECT_EQ(longer.substr(0, 4096),
+            parse("DYR_PASSWORD=" + longer + " --send-scout").password);
   EXPECT_EQ(nullptr, std::getenv("DYR_PASSWORD"));
   setenv("DYR_PASSWORD", "second", 1);
-  EXPECT_STREQ("first", get_env_noncrypted_password());
+  EXPECT_EQ(longer.substr(0, 4096), get_env_noncrypted_password());
 }
 
-TEST_F(OptionsTest, EnvPasswordIsCutAt4096Characters) {
-  std::string exact(4096, 'a');
-  exact[0] = 'X';
-  exact[4095] = 'Z';
-  setenv("DYR_PASSWORD", exact.c_str(), 1);
-  EXPECT_EQ(exact, get_env_noncrypted_password());
+TEST_F(OptionsTest, RefusalsComeInTheirOrder) {
+  const std::string no = "Unable to parse command line: ";
+  auto notAllowed = [&](const std::string& what) {
+    return no + what + " is not allowed with --help or -h\n";
+  };
+  auto required = [&](const std::string& what) {
+    return no + what + " is required unless --help or -h requested\n";
+  };
+  auto onlyWith = [&](const std::string& option, const std::string& action) {
+    return no + "'--" + option + "' only may be specified when '--" + action +
+           "' is requested";
+  };
+  const std::string login = "DYR_PASSWORD=p --host=h --login=l ";
+  const std::string agent = login + "--agent-dir=a --agent-name=n ";
+  EXPECT_EQ(no + "No action given", refusal("--no-check-space"));
+  EXPECT_EQ(no + "More than one action is given",
+            refusal("--dump-all --get-content --no-check-space"));
+  EXPECT_EQ(onlyWith("no-check-space", "get-content"),
+            refusal(agent + "--deploy-agent --no-check-space --no-content"));
+  EXPECT_EQ(onlyWith("no-encryption", "get-content"),
+            refusal(agent + "--dump-all --no-encryption --no-content"));
+  EXPECT_EQ(onlyWith("no-content", "dump-*"), refusal("--help --no-content"));
+  EXPECT_EQ("", refusal(agent + "--get-content --no-check-space "
+                                "--no-encryption"));
+  EXPECT_EQ("", refusal(agent + "--dump-selected --no-content"));
 
-  resetEnvPasswordForTesting();
-  std::string longer = std::string(4096, 'b') + "TAIL";
-  setenv("DYR_PASSWORD", longer.c_str(), 1);
-  EXPECT_EQ(std::string(4096, 'b'), get_env_noncrypted_password());
-  EXPECT_EQ(nullptr, std::getenv("DYR_PASSWORD"));
-}
-
-// --- verify_options --------------------------------------------------------
-
-TEST_F(OptionsTest, ActionMustBeGivenExactlyOnce) {
-  config none;
-  none.noCheckSpace = true;
-  EXPECT_EQ(std::string(kPrefix) + "No action given", verifyMessage(none));
-
-  // The action fault is reported before any other.
-  config many = parse(
-      {"--dump-all", "--dump-selected", "--no-check-space", "--no-content"});
-  EXPECT_EQ(std::string(kPrefix) + "More than one action is given",
-            verifyMessage(many));
-}
-
-TEST_F(OptionsTest, SwitchesOnlyForTheirActions) {
-  config cfg = complete(kDeployAgent);
-  cfg.noCheckSpace = true;
-  cfg.noEncryption = true;
-  cfg.noContent = 1;
-  EXPECT_EQ(
-      "Unable to parse command line: '--no-check-space' only may be "
-      "specified when '--get-content' is requested",
-      verifyMessage(cfg));
-  cfg.noCheckSpace = false;
-  EXPECT_EQ(std::string(kPrefix) +
-                "'--no-encryption' only may be specified when "
-                "'--get-content' is requested",
-            verifyMessage(cfg));
-  cfg.noEncryption = false;
-  EXPECT_EQ(std::string(kPrefix) +
-                "'--no-content' only may be specified when '--dump-*' is "
-                "requested",
-            verifyMessage(cfg));
-  cfg.noContent = 0;
-  EXPECT_EQ("", verifyMessage(cfg));
-
-  config content = complete(kGetContent);
-  content.noCheckSpace = true;
-  content.noEncryption = true;
-  EXPECT_EQ("", verifyMessage(content));
-  for (int dump : {kDumpSelected, kDumpAll}) {
-    config d = complete(dump);
-    d.noContent = 1;
-    EXPECT_EQ("", verifyMessage(d)) << dump;
-  }
-  // These switch checks come before the help action's own refusals.
-  config help = complete(kHelp);
-  help.noContent = 1;
-  EXPECT_EQ(std::string(kPrefix) +
-                "'--no-content' only may be specified when '--dump-*' is "
-                "requested",
-            verifyMessage(help));
-}
-
-TEST_F(OptionsTest, OfflineActionsRefuseConnectionOptionsInOrder) {
-  for (int action : {kRemoveDumpingStatus, kHelp}) {
-    config cfg;
-    cfg.action = action;
-    cfg.sessionPath = "/var/s";
-    EXPECT_EQ("", verifyMessage(cfg)) << action;
-
-    cfg.host = "h";
-    cfg.port = -1;
-    cfg.login = "l";
-    cfg.password = "p";
-    cfg.agentDir = "ad";
-    cfg.agentName = "an";
-    EXPECT_EQ(notAllowed("host"), verifyMessage(cfg));
-    cfg.host.clear();
-    EXPECT_EQ(notAllowed("port"), verifyMessage(cfg));
-    cfg.port = 22;
-    EXPECT_EQ(notAllowed("port"), verifyMessage(cfg));
-    cfg.port = 0;
-    EXPECT_EQ(notAllowed("login"), verifyMessage(cfg));
-    cfg.login.clear();
-    EXPECT_EQ(notAllowed("password"), verifyMessage(cfg));
-    cfg.password.clear();
-    EXPECT_EQ(notAllowed("agent directory"), verifyMessage(cfg));
-    cfg.agentDir.clear();
-    cfg.sudo = true;
-    EXPECT_EQ(notAllowed("agent name"), verifyMessage(cfg));
-    cfg.agentName.clear();
-    EXPECT_EQ(notAllowed("sudo parameters"), verifyMessage(cfg));
-    cfg.sudo = false;
-    EXPECT_EQ("", verifyMessage(cfg));
-  }
-}
-
-TEST_F(OptionsTest, PasswordInEnvironmentRefusesOfflineActions) {
-  setenv("DYR_PASSWORD", "pw", 1);
-  config cfg = parse({"--remove-dumping-status", "--session-path=/var/s"});
-  EXPECT_EQ(notAllowed("password"), verifyMessage(cfg));
-  EXPECT_EQ(
-      "Unable to parse command line: password is not allowed with --help or "
-      "-h\n",
-      verifyMessage(cfg));
-}
-
-TEST_F(OptionsTest, ConnectingActionsNeedConnectionOptionsInOrder) {
-  for (int action = kSendScout; action <= kRemoveAgent; ++action) {
-    config cfg;
-    cfg.action = action;
-    cfg.port = -1;
-    cfg.sudo = true;
-    EXPECT_EQ(required("host"), verifyMessage(cfg)) << action;
-    cfg.host = "h";
-    EXPECT_EQ(
-        std::string(kPrefix) + "port should be a number in [1, 65535] range",
-        verifyMessage(cfg));
-    cfg.port = 0;
-    EXPECT_EQ(required("login"), verifyMessage(cfg));
-    cfg.login = "l";
-    EXPECT_EQ(required("password"), verifyMessage(cfg));
-    cfg.password = "p";
-    EXPECT_EQ(std::string(kPrefix) +
-                  "DYR_SUDO_PASSWORD environment variable is not provided "
-                  "with --sudo-password\n",
-              verifyMessage(cfg));
-    cfg.sudoPasswordProvided = true;
-    if (action == kSendScout) {
-      EXPECT_EQ("", verifyMessage(cfg));
-      continue;
+  // The actions that never connect refuse every connection option.
+  const std::pair<std::string, std::string> offline[] = {
+      {"--host=h", "host"},
+      {"--port=22", "port"},
+      {"--login=l", "login"},
+      {"DYR_PASSWORD=p", "password"},
+      {"--agent-dir=a", "agent directory"},
+      {"--agent-name=n", "agent name"},
+      {"--sudo-password", "sudo parameters"}};
+  for (const char* action : {"--remove-dumping-status ", "-h "}) {
+    for (size_t first = 0; first <= 7; ++first) {
+      std::string line = action;
+      for (size_t i = first; i < 7; ++i) line += offline[i].first + " ";
+      EXPECT_EQ(first < 7 ? notAllowed(offline[first].second) : "",
+                refusal(line));
     }
-    EXPECT_EQ(required("agent directory"), verifyMessage(cfg)) << action;
-    cfg.agentDir = "ad";
-    EXPECT_EQ(required("agent name"), verifyMessage(cfg));
-    cfg.agentName = "an";
-    EXPECT_EQ("", verifyMessage(cfg));
+  }
+  // The others need each in turn; the scout refuses the agent's.
+  for (int action = kSendScout; action <= kRemoveAgent; ++action) {
+    const char* names[] = {
+        "send-scout", "deploy-agent", "get-dumping-status", "dump-selected",
+        "dump-all",   "get-content",  "remove-agent"};
+    std::string a = std::string("--") + names[action] + " --sudo-password ";
+    bool scout = action == kSendScout;
+    EXPECT_EQ(required("host"), refusal(a + "--port=0"));
+    EXPECT_EQ(no + "port should be a number in [1, 65535] range",
+              refusal(a + "--host=h --port=0"));
+    EXPECT_EQ(required("login"), refusal(a + "--host=h"));
+    EXPECT_EQ(required("password"), refusal(a + "--host=h --login=l"));
+    EXPECT_EQ(no + "DYR_SUDO_PASSWORD environment variable is not provided "
+                   "with --sudo-password\n",
+              refusal(a + login));
+    a += "DYR_SUDO_PASSWORD= ";
+    EXPECT_EQ(scout ? "" : required("agent directory"), refusal(a + login));
+    EXPECT_EQ(scout ? notAllowed("agent directory") : required("agent name"),
+              refusal(a + login + "--agent-dir=a"));
+    EXPECT_EQ(scout ? notAllowed("agent name") : "",
+              refusal(a + login + "--agent-name=n" +
+                      (scout ? "" : " --agent-dir=a")));
   }
 }
 
-TEST_F(OptionsTest, ScoutRefusesAgentOptions) {
-  config cfg = complete(kSendScout);
-  EXPECT_EQ(notAllowed("agent directory"), verifyMessage(cfg));
-  cfg.agentDir.clear();
-  EXPECT_EQ(notAllowed("agent name"), verifyMessage(cfg));
-  cfg.agentName.clear();
-  EXPECT_EQ("", verifyMessage(cfg));
+TEST_F(OptionsTest, DumpArgumentsAndInput) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"--dump-selected", "--migration-mode --include-app-distrib |"},
+      // Names go to the input only; a second "-" goes on as it is.
+      {"--dump-selected --domains=a,b --clients=- --resellers=r1 --only-mail "
+       "--no-compress --server --admin-info --no-license --no-content",
+       "--migration-mode --dump-domains=- --dump-clients=- --dump-resellers=- "
+       "--only-mail --no-compress --include-app-distrib --server --admin-info "
+       "--no-license |a,b\n-\nr1\n"},
+      {"--dump-selected --clients=c1,c2 --only-hosting",
+       "--migration-mode --dump-clients=- --only-hosting --include-app-distrib "
+       "|c1,c2\n"},
+      // The rsync password goes to the input, never on a command line.
+      {"DYR_PASSWORD=pw --dump-selected --content-transport=rsync --host=s "
+       "--login=a --port=2222 --domains=d",
+       "--content-transport=rsync --migration-mode --dump-domains=- "
+       "--include-app-distrib |s\na\npw\n2222\nd\n"},
+      {"--dump-selected --content-transport=rsync --port=x",
+       "--content-transport=rsync --migration-mode --include-app-distrib "
+       "|\n\n\n\n"},
+      {"--dump-selected --content-transport=cat --domains=d",
+       "--migration-mode --dump-domains=- --include-app-distrib |d\n"},
+      // A full dump ignores every selection, and does not read the file.
+      {"--dump-all --domains=x --clients=x --resellers=x --only-mail "
+       "--no-compress --server --admin-info --no-license "
+       "--selected-objects-file=/nonexistent --content-transport=rsync",
+       "--content-transport=rsync --migration-mode --dump-all |\n\n\n0\n"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(c.second, dump(c.first));
 }
 
-TEST_F(OptionsTest, ParsedCommandLinesEndToEnd) {
-  setenv("DYR_PASSWORD", "pw", 1);
-  config good = parse({"--get-content", "--host=h", "--port=65535", "--login=l",
-                       "--agent-dir=a", "--agent-name=Unix", "--no-check-space",
-                       "--session-path", "/var/s"});
-  EXPECT_EQ("", verifyMessage(good));
-
-  for (const char* port : {"--port=0", "--port=65536", "--port=abc"}) {
-    config bad = parse({"--send-scout", "--host=h", port, "--login=l"});
-    EXPECT_EQ(
-        std::string(kPrefix) + "port should be a number in [1, 65535] range",
-        verifyMessage(bad))
-        << port;
-  }
-
-  config scout =
-      parse({"--send-scout", "--host=h", "--login=l", "--agent-name=Unix"});
-  EXPECT_EQ(notAllowed("agent name"), verifyMessage(scout));
-
-  config deploy =
-      parse({"--deploy-agent", "--host=h", "--login=l", "--agent-dir=a",
-             "--agent-name=Unix", "--no-check-space"});
+TEST_F(OptionsTest, SelectedObjectsFile) {
+  ferrow_test::TempDir dir;
+  int files = 0;
+  auto objects = [&](const std::string& body) {
+    std::string name = dir.path() + "/" + std::to_string(++files) + ".xml";
+    ferrow_test::writeFile(name,
+                           "<?xml version=\"1.0\"?><any>" + body + "</any>");
+    return " --selected-objects-file=" + name;
+  };
+  // The file's names come first; the command line alone decides server,
+  // admin information and licence.
+  const std::string all = objects(
+      "<domain><name>a</name></domain><x><domain><name>b</name></domain></x>"
+      "<client><name>c1</name></client><client><name>c2</name></client>"
+      "<server><license/></server><admin-info/>");
   EXPECT_EQ(
-      "Unable to parse command line: '--no-check-space' only may be "
-      "specified when '--get-content' is requested",
-      verifyMessage(deploy));
-
-  config sudoMissing =
-      parse({"--send-scout", "--host=h", "--login=l", "--sudo-password"});
-  EXPECT_EQ(std::string(kPrefix) +
-                "DYR_SUDO_PASSWORD environment variable is not provided "
-                "with --sudo-password\n",
-            verifyMessage(sudoMissing));
-  setenv("DYR_SUDO_PASSWORD", "", 1);
-  config sudoEmpty =
-      parse({"--send-scout", "--host=h", "--login=l", "--sudo-password"});
-  EXPECT_EQ("", verifyMessage(sudoEmpty));
+      "--migration-mode --dump-domains=- --dump-clients=- "
+      "--dump-resellers=- --include-app-distrib |a,b,c\nc1,c2\nr\n",
+      dump("--dump-selected --domains=c --resellers=r" + all));
+  DumpSelection flags, serverOnly;
+  parseSelectedObjectsFile(all.substr(all.find('=') + 1), flags);
+  EXPECT_TRUE(flags.server && flags.noLicense && flags.adminInfo);
+  std::string server = objects("<server/>");
+  parseSelectedObjectsFile(server.substr(server.find('=') + 1), serverOnly);
+  EXPECT_TRUE(serverOnly.server && !serverOnly.noLicense &&
+              !serverOnly.adminInfo);
+  // The file spells hosting "only-phosting"; the command line wins.
+  const std::pair<std::string, const char*> cases[] = {
+      {"filter='only-mail'/>", "--only-mail "},
+      {"filter='only-phosting'/>", "--only-hosting "},
+      {"filter='only-hosting'/>", ""},
+      {"filter='only-phosting'/> --only-mail", "--only-mail "},
+      {"compression-level='do-not-compress'/>", "--no-compress "},
+      {"compression-level='standard'/>", ""},
+      {"compression-level='standard'/> --no-compress", "--no-compress "},
+      {"compression-level='fast'/>", ""}};
+  for (const auto& c : cases) {
+    size_t end = c.first.find("/>") + 2;
+    EXPECT_EQ(
+        std::string("--migration-mode ") + c.second + "--include-app-distrib |",
+        dump("--dump-selected" +
+             objects("<parameters " + c.first.substr(0, end)) +
+             c.first.substr(end)));
+  }
+  EXPECT_THROW(dump("--dump-selected --selected-objects-file=/nonexistent"),
+               Exc<&tError_WrongInputFile>);
+  EXPECT_THROW(dump("--dump-selected" + objects("<domain>")),
+               Exc<&tError_ParseFile>);
 }
 
-TEST_F(OptionsTest, RaisersFormatTheirTexts) {
-  try {
-    no_action_option("session-path", "deploy-agent");
-    FAIL() << "nothing thrown";
-  } catch (const Exc<&::OptParsingError>& e) {
-    EXPECT_STREQ(
-        "Unable to parse command line: '--session-path' is required when "
-        "'--deploy-agent' action is requested",
-        e.what());
-    EXPECT_EQ("OptParsingError", e.code());
+template <ExcTag Tag>
+int codeOf() {
+  return exitCodeFor(Exc<Tag>("f", "./f.cpp", 1));
+}
+
+// A connection failure keeps its code when an action wrapped it.
+template <ExcTag Tag>
+int wrappedCodeOf() {
+  return exitCodeFor(
+      Exc<&CantRetrieveDump>(Exc<Tag>("f", "./f.cpp", 1), "g", "./g.cpp", 2));
+}
+
+TEST(ExitCodeTest, ConnectionFailuresHaveTheirOwnCodesEvenWhenWrapped) {
+  EXPECT_EQ((std::vector<int>{11, 12, 13, 14, 15, 16, 17, 18, 2, 2, 17, 18, 2}),
+            (std::vector<int>{
+                codeOf<&ConnectionRefused>(), codeOf<&ConnectionTimedOut>(),
+                codeOf<&NetworkUnreachable>(), codeOf<&HostUnreachable>(),
+                codeOf<&ConnectionFault>(), codeOf<&HostNotFound>(),
+                codeOf<&SshInvalidCredentials>(), codeOf<&SshConnectionFault>(),
+                codeOf<&SshAuthorizationFailed>(), codeOf<&CantRetrieveDump>(),
+                wrappedCodeOf<&SshInvalidCredentials>(),
+                wrappedCodeOf<&SshConnectionFault>(),
+                wrappedCodeOf<&NotEnoughSpace>()}));
+}
+
+TEST(DriverPartsTest, StandardInputListLogNameAndUnknownActions) {
+  // One line goes to the first "-" list (resellers, clients, domains).
+  const char* const cases[][4] = {{"", "-", "-", "|c1,c2|-|d1"},
+                                  {"-", "", "-", "c1,c2||-|d1"},
+                                  {"", "", "a,-", "||a,-|c1,c2"}};
+  for (const auto& c : cases) {
+    config cfg;
+    cfg.resellers = c[0], cfg.clients = c[1], cfg.domains = c[2];
+    std::istringstream in("c1,c2\nd1\n");
+    readStandardInputList(cfg, in);
+    std::string rest;
+    std::getline(in, rest);
+    EXPECT_EQ(c[3], cfg.resellers + "|" + cfg.clients + "|" + cfg.domains +
+                        "|" + rest);
   }
-  try {
-    req_action_argument_missed("100% sure");
-    FAIL() << "nothing thrown";
-  } catch (const Exc<&::OptParsingError>& e) {
-    EXPECT_EQ(required("100% sure"), e.what());
-  }
-  try {
-    extra_option("a", "b");
-    FAIL() << "nothing thrown";
-  } catch (const Exc<&::OptParsingError>& e) {
-    EXPECT_STREQ(
-        "Unable to parse command line: '--a' only may be specified when "
-        "'--b' is requested",
-        e.what());
+  config cfg;
+  cfg.action = kGetContent;
+  EXPECT_EQ("transfer.result", getLogName(cfg));
+  cfg.action = kRemoveAgent;
+  EXPECT_EQ("", getLogName(cfg));
+  for (int action : {kHelp, kNoAction}) {
+    cfg.action = action;
+    EXPECT_THROW(getActionByIdInternal(cfg), Exc<&UnknownAction>);
   }
 }
 
