@@ -1,15 +1,21 @@
-// A whole migration step sequence with the real binary, the test sshd and
-// the reference agent and scout shipped in share/, as a root login and
-// through sudo.
+// Whole migrations with the real binary, the test sshd and the reference
+// agent and scout of share/: as root, through sudo (with the rsync
+// transport, watching that no password leaks anywhere), and once through
+// sudo under valgrind's memcheck. Each step checks the session's files and
+// the source host.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <boost/filesystem.hpp>
 #include <map>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include "support/ferrow_runner.h"
+#include "support/process_scan.h"
 #include "support/reference_source.h"
 #include "support/source_login.h"
 
@@ -17,22 +23,69 @@ namespace ferrow_test {
 namespace {
 
 namespace fs = boost::filesystem;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 using ::testing::Not;
+
+// Reads the arguments and environment of every process every 20 ms (for at
+// most ten minutes) and remembers each that holds the secret; ferrow's own
+// environment, where the passwords come in, is left out.
+class ProcessWatch {
+ public:
+  explicit ProcessWatch(const std::string& secret)
+      : secret_(secret), thread_([this] { watch(); }) {}
+  ~ProcessWatch() { stop(); }
+  // Stops watching; what was found, as "pid name file" lines.
+  std::set<std::string> stop() {
+    done_ = true;
+    if (thread_.joinable()) thread_.join();
+    return found_;
+  }
+  int rounds() const { return rounds_; }
+
+ private:
+  void watch() {
+    for (; !done_ && rounds_ < 30000; ++rounds_) {
+      for (pid_t pid : allPids()) {
+        bool ferrow = procExe(pid) == FERROW_BINARY;
+        for (const char* file : {"cmdline", "environ"}) {
+          if (pid == getpid() || (ferrow && file[0] == 'e')) continue;
+          if (procFile(pid, file).find(secret_) != std::string::npos)
+            found_.insert(std::to_string(pid) + " " + procFile(pid, "comm") +
+                          " " + file);
+        }
+      }
+      usleep(20 * 1000);
+    }
+  }
+
+  const std::string secret_;
+  std::atomic<bool> done_{false};
+  std::atomic<int> rounds_{0};
+  std::set<std::string> found_;
+  std::thread thread_;
+};
 
 // Modification times of the archives in a session directory.
 std::map<std::string, time_t> archives(const std::string& session) {
   std::map<std::string, time_t> found;
   for (fs::directory_iterator it(session), end; it != end; ++it) {
     std::string name = it->path().filename().string();
-    if (name.find(".tar") != std::string::npos) {
+    if (name.find(".tar") != std::string::npos)
       found[name] = fs::last_write_time(it->path());
-    }
   }
   return found;
 }
 
-class MigrationTest : public ::testing::TestWithParam<bool> {
+enum Way { kAsRoot, kThroughSudo, kUnderValgrind };
+
+std::string wayName(const ::testing::TestParamInfo<Way>& info) {
+  return info.param == kAsRoot ? "AsRoot"
+         : info.param == kThroughSudo ? "ThroughSudo" : "UnderValgrind";
+}
+
+class MigrationTest : public ::testing::TestWithParam<Way> {
  protected:
   static void SetUpTestSuite() {
     ensurePanelAccount();
@@ -40,79 +93,174 @@ class MigrationTest : public ::testing::TestWithParam<bool> {
   }
 
   void SetUp() override {
-    login_ = GetParam() ? sourceLogin(sudoAccount(), true)
-                        : sourceLogin(rootAccount(), false);
+    if (GetParam() == kUnderValgrind) {
+#if defined(__SANITIZE_ADDRESS__)
+      GTEST_SKIP() << "valgrind cannot run a sanitizer build";
+#endif
+      if (access("/usr/bin/valgrind", X_OK) != 0)
+        GTEST_SKIP() << "valgrind is not installed: memcheck did not run";
+    }
+    login_ = GetParam() == kAsRoot ? sourceLogin(rootAccount(), false)
+                                   : sourceLogin(sudoAccount(), true);
   }
 
   // Runs one step; every step of a healthy migration exits 0 silently.
-  RunResult step(std::vector<std::string> args, const std::string& input = "") {
-    args.insert(args.end(), {"--session-path", session()});
-    if (args[0] != "--send-scout") {
-      args.insert(args.end(),
-                  {"--agent-dir", agentDir(), "--agent-name", "reference"});
+  // Under valgrind memcheck must find nothing (definite leaks count).
+  RunResult step(std::vector<std::string> args, const std::string& input = "",
+                 const RunOptions& options = {}) {
+    const std::string report = logs_.path() + "/" + args[0].substr(2);
+    if (GetParam() == kUnderValgrind) {
+      install_.setWrapper({"/usr/bin/valgrind", "--leak-check=full",
+                           "--errors-for-leak-kinds=definite",
+                           "--error-exitcode=97", "--log-file=" + report});
     }
-    RunResult r = install_.run(withLogin(login_, args), login_.env, input);
-    EXPECT_EQ(r.exitCode, 0) << login_.name << " " << args[0] << ": " << r.err;
+    args.insert(args.end(), {"--session-path", session()});
+    if (args[0] != "--send-scout")
+      args.insert(args.end(), {"--agent-dir", agentDir(), "--agent-name",
+                               "reference"});
+    RunResult r =
+        install_.run(options, withLogin(login_, args), login_.env, input);
+    EXPECT_EQ(r.exitCode, 0) << args[0] << ": " << r.err;
     EXPECT_EQ(r.err, "") << args[0];
+    EXPECT_THAT(r.out + r.err, Not(HasSubstr(login_.env["DYR_PASSWORD"])));
+    if (GetParam() == kUnderValgrind) {
+      std::string text = fileExists(report) ? readFile(report) : "";
+      EXPECT_THAT(text, HasSubstr("ERROR SUMMARY: 0 errors")) << args[0];
+    }
     return r;
   }
 
   std::string session() const { return install_.sessionPath(); }
+  std::string file(const std::string& name) const {
+    return readFile(session() + "/" + name);
+  }
   std::string agentDir() const { return source_.agentDir(); }
 
   FerrowInstallation install_;
   ReferenceSource source_{install_};
   SourceLogin login_;
+  TempDir logs_;
 };
 
 TEST_P(MigrationTest, WholeSequence) {
+  const std::string password = login_.env["DYR_PASSWORD"];
+  std::unique_ptr<ProcessWatch> watch;
+  if (GetParam() != kUnderValgrind) watch.reset(new ProcessWatch(password));
+
   step({"--send-scout"});
-  EXPECT_THAT(readFile(session() + "/scout-result.xml"),
-              HasSubstr("<scout-result"));
+  EXPECT_THAT(file("scout-result.xml"), HasSubstr("<scout-result"));
 
   step({"--deploy-agent"});
   EXPECT_TRUE(fileExists(agentDir() + "/agent.pl"));
   EXPECT_FALSE(fileExists(agentDir() + "/control"));
-  EXPECT_THAT(readFile(session() + "/agent-deployment.status"),
-              HasSubstr("<agentstatus"));
+  EXPECT_THAT(file("agent-deployment.status"), HasSubstr("<agentstatus"));
 
-  step({"--dump-all"});
-  std::string dump = readFile(session() + "/dump.xml");
-  EXPECT_THAT(dump, HasSubstr("carol.test"));
+  // Through sudo the SSH password travels in the dump's input too.
+  if (GetParam() == kThroughSudo)
+    step({"--dump-all", "--content-transport=rsync"});
+  else
+    step({"--dump-all"});
+  EXPECT_THAT(file("dump.xml"), HasSubstr("carol.test"));
   EXPECT_TRUE(fileExists(session() + "/dump-name"));
 
   RunResult status = step({"--get-dumping-status"});
   EXPECT_EQ(status.out, readFile(agentDir() + "/dumping-status.xml"));
 
-  step({"--get-content"});
+  // On a terminal a progress line is drawn and ended.
+  RunOptions terminal;
+  terminal.terminal = GetParam() != kUnderValgrind;
+  RunResult content = step({"--get-content"}, "", terminal);
+  if (terminal.terminal) {
+    EXPECT_THAT(content.out, HasSubstr("\r0 of "));
+    EXPECT_THAT(content.out, EndsWith(" 0:00 left\x1b[K\r\n")) << content.out;
+  }
   std::map<std::string, time_t> fetched = archives(session());
   EXPECT_GE(fetched.size(), 4u);
-  for (const auto& archive : fetched) {
+  for (const auto& archive : fetched)
     EXPECT_FALSE(fileExists(agentDir() + "/" + archive.first)) << archive.first;
-  }
-  EXPECT_THAT(readFile(session() + "/transfer.result"),
-              HasSubstr("status=\"success\""));
-  EXPECT_THAT(readFile(session() + "/migration.status"), HasSubstr("<idle/>"));
+  EXPECT_THAT(file("transfer.result"), HasSubstr("status=\"success\""));
+  EXPECT_THAT(file("migration.status"), HasSubstr("<idle/>"));
 
-  // Every local copy matches its listed sum: nothing is fetched again.
+  // Every local copy matches its listed sum: nothing is fetched again. No
+  // progress line without a terminal.
   sleep(1);
-  step({"--get-content"});
+  EXPECT_EQ(step({"--get-content"}).out, "");
   EXPECT_EQ(archives(session()), fetched);
 
   step({"--dump-selected", "--domains=-"}, "example.test\n");
-  dump = readFile(session() + "/dump.xml");
-  EXPECT_THAT(dump, HasSubstr("example.test"));
-  EXPECT_THAT(dump, Not(HasSubstr("carol.test")));
+  EXPECT_THAT(file("dump.xml"), HasSubstr("example.test"));
+  EXPECT_THAT(file("dump.xml"), Not(HasSubstr("carol.test")));
 
   step({"--remove-agent"});
   EXPECT_FALSE(fileExists(agentDir()));
   step({"--remove-agent"});
+
+  if (!watch) return;
+  EXPECT_GT(watch->rounds(), 10);
+  EXPECT_THAT(watch->stop(), IsEmpty());
+  for (fs::directory_iterator it(session()), end; it != end; ++it) {
+    if (fs::is_regular_file(it->path())) {
+      EXPECT_THAT(readFile(it->path().string()), Not(HasSubstr(password)))
+          << it->path();
+    }
+  }
+  if (GetParam() == kThroughSudo) {
+    // The exchanges that carry a password are logged masked: the sudo
+    // check, and the dump's input (sudo line, then the rsync lines).
+    std::string log = file("migration.log");
+    EXPECT_THAT(log, HasSubstr("remote stdin <- ********"));
+    EXPECT_THAT(log, HasSubstr("\n127.0.0.1\n" + sudoAccount().name +
+                               "\n********\n"));
+  }
 }
 
-INSTANTIATE_TEST_SUITE_P(Logins, MigrationTest, ::testing::Values(false, true),
-                         [](const ::testing::TestParamInfo<bool>& info) {
-                           return info.param ? "ThroughSudo" : "AsRoot";
-                         });
+INSTANTIATE_TEST_SUITE_P(Ways, MigrationTest,
+                         ::testing::Values(kAsRoot, kThroughSudo,
+                                           kUnderValgrind),
+                         wayName);
+
+TEST(ScoutTest, ResultHoldsExactlyWhatTheScoutPrintedAndFailuresAreTold) {
+  ensurePanelAccount();
+  FerrowInstallation install;
+  const std::string scout = install.productRoot() + "/QVT/scout.pl";
+  auto run = [&](const SourceLogin& login) {
+    return install.run(withLogin(login, {"--send-scout", "--session-path",
+                                         install.sessionPath()}),
+                       login.env);
+  };
+  // Not there: refused before connecting (nothing listens on port 1).
+  SourceLogin nowhere = sourceLogin(rootAccount(), false);
+  nowhere.args[1] = "--port=1";
+  RunResult missing = run(nowhere);
+  EXPECT_EQ(missing.exitCode, 2);
+  EXPECT_EQ(missing.err, "Unable to open " + scout +
+                             " for transferring to the remote host");
+
+  // Runs as root wherever it runs; the bytes include ones a text mode
+  // would touch.
+  writeFile(scout,
+            "binmode STDOUT;\n"
+            "print \"<scout uid=\\\"$<\\\">\\r\\n\\x00\\xff</scout>\";\n");
+  static const char kPrinted[] = "<scout uid=\"0\">\r\n\0\xff</scout>";
+  for (const SourceLogin& login : rootLogins()) {
+    RunResult r = run(login);
+    EXPECT_EQ(r.exitCode, 0) << login.name << ": " << r.err;
+    EXPECT_EQ(readFile(install.sessionPath() + "/scout-result.xml"),
+              std::string(kPrinted, sizeof(kPrinted) - 1))
+        << login.name;
+  }
+
+  writeFile(scout,
+            "$| = 1; print \"partial\"; print STDERR \"no luck\\n\"; exit 3;\n");
+  RunResult failed = run(sourceLogin(rootAccount(), false));
+  EXPECT_EQ(failed.exitCode, 2);
+  EXPECT_EQ(failed.err,
+            "Failed to execute scout. \nThe return code is 3\n"
+            "The output on STDERR is\nno luck\n");
+  EXPECT_EQ(readFile(install.sessionPath() + "/scout-result.xml"), "partial");
+  EXPECT_THAT(readFile(install.sessionPath() + "/migration.result"),
+              HasSubstr("code=\"FailedToExecuteScout\""));
+}
 
 }  // namespace
 }  // namespace ferrow_test

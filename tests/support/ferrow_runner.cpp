@@ -17,44 +17,43 @@
 namespace ferrow_test {
 namespace {
 
-// Arguments: scratch directory, whether to overlay /etc, whether the
-// network is isolated, the network set-up, the mount set-up, the number of
-// bind mounts, the source/target pairs, then the command to exec. The
-// overlay gives /etc a private writable layer, so that missing mount points
-// there exist in this namespace only; it comes before the binds, which it
-// would otherwise hide. Its layers live on a tmpfs: unmounting an overlay
-// syncs its upper file system, so layers on the disk would make the end of
-// every run flush whatever any test had written.
+// $1 scratch, $2 overlay /etc?, $3 isolated?, $4 network set-up, $5 mount
+// set-up, $6 bind count, then the pairs, then the command. The overlay
+// gives missing mount points under /etc a private home; its layers live on
+// a tmpfs, since unmounting an overlay syncs its upper file system.
 const char kNamespaceScript[] =
     "set -e\n"
     "scratch=$1; overlay=$2; isolate=$3; setup=$4; mounts=$5; count=$6\n"
     "shift 6\n"
-    "if [ \"$isolate\" = 1 ]; then\n"
-    "  ip link set lo up\n"
-    "  eval \"$setup\"\n"
-    "fi\n"
+    "if [ \"$isolate\" = 1 ]; then ip link set lo up; eval \"$setup\"; fi\n"
     "if [ \"$overlay\" = 1 ]; then\n"
     "  mkdir -p \"$scratch\"\n"
     "  mount -t tmpfs -o size=16m,mode=0700 tmpfs \"$scratch\"\n"
     "  mkdir -p \"$scratch/upper\" \"$scratch/work\"\n"
-    "  mount -t overlay overlay -o "
-    "lowerdir=/etc,upperdir=\"$scratch/upper\",workdir=\"$scratch/work\" /etc\n"
+    "  mount -t overlay overlay -o lowerdir=/etc,upperdir=\"$scratch/upper\","
+    "workdir=\"$scratch/work\" /etc\n"
     "fi\n"
     "while [ \"$count\" -gt 0 ]; do\n"
     "  if [ ! -e \"$2\" ]; then\n"
     "    if [ -d \"$1\" ]; then mkdir -p \"$2\"; else\n"
     "      mkdir -p \"$(dirname \"$2\")\"; : > \"$2\"; fi\n"
     "  fi\n"
-    "  mount --bind \"$1\" \"$2\"\n"
-    "  shift 2; count=$((count - 1))\n"
+    "  mount --bind \"$1\" \"$2\"; shift 2; count=$((count - 1))\n"
     "done\n"
     "eval \"$mounts\"\n"
     "exec \"$@\"\n";
 
+std::string quoted(const std::string& word) {
+  std::string text = "'";
+  for (char c : word)
+    text += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return text + "'";
+}
+
 const char kCleanPath[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
 
-// A report of an instrumented binary fails the test even where the exit
-// code it forced happens to be the one the test expects.
+// A sanitizer report fails the test even where the exit code it forced is
+// the one expected.
 void expectNoSanitizerReport(const RunResult& result) {
   for (const char* mark : {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
                            "runtime error:"}) {
@@ -65,8 +64,6 @@ void expectNoSanitizerReport(const RunResult& result) {
   }
 }
 
-// Whether /etc must be overlaid; throws for a target that could only be
-// made by changing the machine's own files.
 bool needsEtcOverlay(const RunOptions& options) {
   bool overlay = false;
   for (const auto& bind : options.binds) {
@@ -78,20 +75,19 @@ bool needsEtcOverlay(const RunOptions& options) {
   return overlay;
 }
 
-// Runs command (argument 0 first) inside the namespaces that options ask
-// for; scratch is an empty directory for the overlay's layers.
 RunResult runNamespaced(const RunOptions& options, const std::string& scratch,
-                        const std::vector<std::string>& command,
+                        std::vector<std::string> command,
                         const std::string& input) {
+  if (options.terminal) {
+    std::string line;
+    for (const std::string& word : command) line += quoted(word) + " ";
+    command = {"script", "-qefc", line, "/dev/null"};
+  }
   tovel::ArgList argv;
-  argv << "unshare"
-       << "-m";
+  argv << "unshare" << "-m";
   if (options.isolateNetwork) argv << "-n";
-  argv << "--propagation"
-       << "private"
-       << "sh"
-       << "-c" << kNamespaceScript << "sh" << scratch
-       << (needsEtcOverlay(options) ? "1" : "0")
+  argv << "--propagation" << "private" << "sh" << "-c" << kNamespaceScript
+       << "sh" << scratch << (needsEtcOverlay(options) ? "1" : "0")
        << (options.isolateNetwork ? "1" : "0") << options.networkSetup
        << options.mountSetup << std::to_string(options.binds.size());
   for (const auto& bind : options.binds) argv << bind.first << bind.second;
@@ -101,36 +97,6 @@ RunResult runNamespaced(const RunOptions& options, const std::string& scratch,
       input, result.out, result.err, "unshare", argv, "", {});
   return result;
 }
-
-std::string singleQuoted(const std::string& value) {
-  std::string quoted = "'";
-  for (char c : value)
-    quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return quoted + "'";
-}
-
-// The variables of a run as a file of shell exports, read by the shell that
-// starts ferrow: passwords then never stand in any process's arguments.
-class EnvFile {
- public:
-  EnvFile(const std::string& dir, const std::map<std::string, std::string>& env)
-      : path_(dir + "/run-env-XXXXXX") {
-    int fd = mkstemp(&path_[0]);
-    if (fd < 0) throw std::runtime_error("mkstemp failed in " + dir);
-    close(fd);
-    std::string text;
-    for (const auto& entry : env)
-      text += "export " + entry.first + "=" + singleQuoted(entry.second) + "\n";
-    writeFile(path_, text);
-  }
-  ~EnvFile() { unlink(path_.c_str()); }
-  EnvFile(const EnvFile&) = delete;
-  EnvFile& operator=(const EnvFile&) = delete;
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
 
 }  // namespace
 
@@ -171,10 +137,7 @@ std::string compactXml(const std::string& text) {
 void ensurePanelAccount() {
   if (getpwnam("dyradm") != nullptr) return;
   tovel::ExecCmd add("useradd");
-  add << "--system"
-      << "--no-create-home"
-      << "--shell"
-      << "/usr/sbin/nologin"
+  add << "--system" << "--no-create-home" << "--shell" << "/usr/sbin/nologin"
       << "dyradm";
   add.exec();
 }
@@ -197,7 +160,7 @@ const char kFailingNetworkSetup[] =
 RunResult runInNamespace(const std::string& script, const RunOptions& options,
                          const std::string& input) {
   TempDir scratch;
-  return runNamespaced(options, scratch.path(),
+  return runNamespaced(options, scratch.path() + "/overlay",
                        {"env", "-i", kCleanPath, "sh", "-c", script}, input);
 }
 
@@ -239,16 +202,21 @@ RunResult FerrowInstallation::run(const RunOptions& options,
                                   const std::string& input) const {
   RunOptions withDyr = options;
   withDyr.binds.insert(withDyr.binds.begin(), {etcDyr(), "/etc/dyr"});
-  EnvFile envFile(root(), env);
-  std::vector<std::string> command = {"env",          "-i",
-                                      kCleanPath,     "sh",
-                                      "-c",           ". \"$0\"; exec \"$@\"",
-                                      envFile.path(), FERROW_BINARY};
-  // The wrapper runs the binary, inside the environment set up before it.
-  command.insert(command.end() - 1, wrapper_.begin(), wrapper_.end());
+  // Passwords reach the shell that starts ferrow in a file of exports.
+  TempDir envDir;
+  std::string exports;
+  for (const auto& entry : env)
+    exports += "export " + entry.first + "=" + quoted(entry.second) +
+               "\n";
+  writeFile(envDir.path() + "/env", exports);
+  std::vector<std::string> command = {
+      "env", "-i", kCleanPath, "sh", "-c", ". \"$0\"; exec \"$@\"",
+      envDir.path() + "/env"};
+  command.insert(command.end(), wrapper_.begin(), wrapper_.end());
+  command.push_back(FERROW_BINARY);
   command.insert(command.end(), args.begin(), args.end());
-  RunResult result =
-      runNamespaced(withDyr, root() + "/overlay", command, input);
+  RunResult result = runNamespaced(withDyr, envDir.path() + "/overlay",
+                                   command, input);
   expectNoSanitizerReport(result);
   return result;
 }

@@ -1,10 +1,8 @@
-// Runs the real ferrow binary the way the panel does, but against a
-// private product installation: inside a private mount namespace where
-// /etc/dyr is a bind mount of a fixture directory holding dyr.conf, whose
-// PRODUCT_ROOT_D points at a product root with QVT/log4cpp.properties.
-// Optionally more fixture files are bound (hosts, nsswitch.conf) and the
-// program runs in a network namespace of its own with failing routes.
-// The machine's own /etc is never changed.
+// Runs the real ferrow binary the way the panel does, against a private
+// product installation: in a private mount namespace where /etc/dyr is a
+// bind mount of a fixture holding dyr.conf, whose PRODUCT_ROOT_D names a
+// product root with QVT/log4cpp.properties. The machine's /etc is never
+// changed.
 #ifndef FERROW_TESTS_SUPPORT_FERROW_RUNNER_H_
 #define FERROW_TESTS_SUPPORT_FERROW_RUNNER_H_
 
@@ -35,7 +33,7 @@ class TempDir {
 };
 
 void writeFile(const std::string& name, const std::string& content);
-std::string readFile(const std::string& name);
+std::string readFile(const std::string& name);  // throws when unreadable
 bool fileExists(const std::string& name);
 // The XML text without the white space that indentation puts between tags.
 std::string compactXml(const std::string& text);
@@ -45,53 +43,45 @@ void ensurePanelAccount();
 
 // How a program is confined besides its private mount namespace.
 struct RunOptions {
-  // Bind mounts made in the namespace, in order: source (a file or a
-  // directory) onto target, e.g. a fixture hosts file onto /etc/hosts. A
-  // missing target under /etc/ is created in a private overlay of /etc; any
-  // other target must exist.
+  // Bind mounts, in order: source onto target. A missing target under
+  // /etc/ is made in a private overlay of /etc; any other must exist.
   std::vector<std::pair<std::string, std::string>> binds;
-  // Runs in a new network namespace too, where only lo exists: it is brought
-  // up and then networkSetup (shell commands, see the constants below) is
-  // run. No packet can leave such a namespace.
+  // A network namespace of its own holding only lo (brought up), where
+  // networkSetup (see the constants below) runs: no packet can leave it.
   bool isolateNetwork = false;
   std::string networkSetup;
-  // Shell commands run in the mount namespace after the bind mounts, e.g.
-  // "mount -t tmpfs -o size=1m tmpfs /some/dir": what they mount is seen by
-  // the program only.
+  // Shell commands run after the binds; what they mount is seen inside only.
   std::string mountSetup;
+  // The program's standard streams on a pseudo-terminal (script(1)):
+  // RunResult::out is then what the terminal received.
+  bool terminal = false;
 };
 
 // Network set-ups for an isolated namespace, each with the address whose
-// connect() fails in the named way. They can be joined with "\n".
-// Routes of kind "unreachable": connect() fails with EHOSTUNREACH.
-extern const char kNoRouteToHostSetup[];
-extern const char kNoRouteToHostAddress[];  // "192.0.2.1"
-// Routes of kind "prohibit": connect() fails with EACCES.
-extern const char kPermissionDeniedSetup[];
+// connect() fails in the named way.
+extern const char kNoRouteToHostSetup[];       // EHOSTUNREACH
+extern const char kNoRouteToHostAddress[];     // "192.0.2.1"
+extern const char kPermissionDeniedSetup[];    // EACCES
 extern const char kPermissionDeniedAddress[];  // "198.51.100.1"
-// No set-up needed: without any route, connect() fails with ENETUNREACH.
+// Without any route connect() fails with ENETUNREACH: no set-up needed.
 extern const char kNetworkUnreachableAddress[];  // "203.0.113.1"
-// The address is routed onto lo; a SYN looped back there has a destination
-// that is not local, so the kernel drops it as a martian and never answers.
-// With net.ipv4.tcp_syn_retries=1 (per namespace) connect() gives up with
-// ETIMEDOUT after about 3 s (1 s + 2 s of retransmission).
+// Routed onto lo, where the SYN is dropped as a martian; with one SYN retry
+// connect() fails with ETIMEDOUT after about 3 s.
 extern const char kTimeoutNetworkSetup[];
 extern const char kTimeoutAddress[];  // "198.18.0.1"
-// All of the above at once.
-extern const char kFailingNetworkSetup[];
+extern const char kFailingNetworkSetup[];  // all of the above at once
 
 // Runs script with /bin/sh in a private mount namespace set up by options,
-// with a clean environment holding only PATH. Throws std::invalid_argument
-// for a missing bind target outside /etc/.
+// with an environment holding only PATH. Throws std::invalid_argument for a
+// missing bind target outside /etc/.
 RunResult runInNamespace(const std::string& script,
                          const RunOptions& options = {},
                          const std::string& input = "");
 
 class FerrowInstallation {
  public:
-  // Lays out <tmp>/etc-dyr/dyr.conf (PRODUCT_ROOT_D <tmp>/product) and
-  // <tmp>/product/QVT/log4cpp.properties (a file appender on
-  // ${LOG_FILE_NAME} and a console appender "A2").
+  // Lays out <tmp>/etc-dyr/dyr.conf and <tmp>/product/QVT/log4cpp.properties
+  // (a file appender on ${LOG_FILE_NAME} and a console appender).
   FerrowInstallation();
 
   const std::string& root() const { return dir_.path(); }
@@ -105,19 +95,18 @@ class FerrowInstallation {
   void writeDyrConf(const std::string& text) const;
   void writeLogProperties(const std::string& text) const;
 
-  // Runs ferrow with args (argv[1..]) in a clean environment holding only
-  // PATH and env, feeding input to its standard input.
+  // Runs ferrow with args in a clean environment holding PATH and env
+  // (passed through a file, never as arguments), with input on its
+  // standard input; /etc/dyr is bound before options.binds.
   RunResult run(const std::vector<std::string>& args,
                 const std::map<std::string, std::string>& env = {},
                 const std::string& input = "") const;
-  // The same, with extra bind mounts and network isolation from options
-  // (/etc/dyr is bound first, before options.binds).
   RunResult run(const RunOptions& options, const std::vector<std::string>& args,
                 const std::map<std::string, std::string>& env = {},
                 const std::string& input = "") const;
 
-  // Puts wrapper (a program and its options, e.g. valgrind and its) in front
-  // of the binary in every later run; it runs in the run's environment.
+  // Puts wrapper (e.g. valgrind and its options) in front of the binary in
+  // every later run.
   void setWrapper(const std::vector<std::string>& wrapper) {
     wrapper_ = wrapper;
   }
@@ -127,7 +116,6 @@ class FerrowInstallation {
   std::vector<std::string> wrapper_;
 };
 
-// The default properties file of a fixture installation.
 std::string defaultLogProperties();
 
 }  // namespace ferrow_test

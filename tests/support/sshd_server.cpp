@@ -1,7 +1,6 @@
 #include "support/sshd_server.h"
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
 #include <netinet/in.h>
@@ -15,14 +14,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <mutex>
+#include <regex>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
 
 #include "commons/arg_list.h"
 #include "commons/exec_cmd.h"
@@ -30,139 +27,56 @@
 namespace ferrow_test {
 namespace {
 
-typedef std::chrono::steady_clock Clock;
-
-const char kSshd[] = "/usr/sbin/sshd";
-const char kLockFile[] = "/run/lock/ferrow-test-accounts.lock";
-// Installing packages under the lock can take a while.
-constexpr int kLockTimeoutSeconds = 600;
-constexpr int kStartAttempts = 5;
-constexpr int kBannerTimeoutMs = 10000;
-constexpr int kStopGraceMs = 3000;
-
-enum { kRoot, kSudo, kPlain, kKbd, kKey };
-
-const std::vector<TestAccount>& allAccounts() {
-  static const std::vector<TestAccount> accounts = {
-      {"ferrowroot", "Fr root#1 $x"},   {"ferrowsudo", "Fr sudo#2 'q'"},
-      {"ferrowplain", "Fr plain#3 &;"}, {"ferrowkbd", "Fr kbd#4 \\\"d\""},
-      {"ferrowkey", "Fr key#5 `k` *"},
-  };
-  return accounts;
-}
-
-void sleepMs(int ms) {
-  std::this_thread::sleep_for(std::chrono::milliseconds(ms));
-}
-
-int elapsedMs(Clock::time_point since) {
-  return static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                              Clock::now() - since)
-                              .count());
-}
-
-// An exclusive flock on kLockFile, held for the owner's lifetime.
-class AccountsLock {
- public:
-  AccountsLock() {
-    fd_ = open(kLockFile, O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    if (fd_ < 0)
-      throw std::runtime_error(std::string("cannot open ") + kLockFile);
-    Clock::time_point start = Clock::now();
-    while (flock(fd_, LOCK_EX | LOCK_NB) != 0) {
-      if (elapsedMs(start) > kLockTimeoutSeconds * 1000) {
-        close(fd_);
-        throw std::runtime_error(std::string("timed out locking ") + kLockFile);
-      }
-      sleepMs(100);
-    }
-  }
-  ~AccountsLock() { close(fd_); }
-  AccountsLock(const AccountsLock&) = delete;
-  AccountsLock& operator=(const AccountsLock&) = delete;
-
- private:
-  int fd_ = -1;
+const TestAccount kAccounts[] = {
+    {"ferrowroot", "Fr root#1 $x"},   {"ferrowsudo", "Fr sudo#2 'q'"},
+    {"ferrowplain", "Fr plain#3 &;"}, {"ferrowkbd", "Fr kbd#4 \\\"d\""},
+    {"ferrowkey", "Fr key#5 `k` *"},
 };
-
-bool packagesPresent() {
-  return access(kSshd, X_OK) == 0 && access("/usr/bin/ssh-keygen", X_OK) == 0 &&
-         access("/usr/bin/ssh", X_OK) == 0 &&
-         access("/usr/bin/sudo", X_OK) == 0;
-}
-
-void aptGet(const std::vector<std::string>& args) {
-  tovel::ExecCmd apt("apt-get");
-  for (const std::string& arg : args) apt << arg;
-  apt.setEnv("DEBIAN_FRONTEND", "noninteractive");
-  apt.exec();
-}
-
-// Runs under the accounts lock; updates the package lists only when the
-// install fails on stale ones.
-void installPackages() {
-  if (packagesPresent()) return;
-  const std::vector<std::string> install = {"install",
-                                            "-y",
-                                            "-q",
-                                            "--no-install-recommends",
-                                            "openssh-server",
-                                            "openssh-client",
-                                            "sudo"};
-  try {
-    aptGet(install);
-  } catch (const std::exception&) {
-    aptGet({"update", "-q"});
-    aptGet(install);
-  }
-}
-
-bool inGroup(const std::string& user, const char* group) {
-  const struct group* entry = getgrnam(group);
-  if (entry == nullptr) return false;
-  for (char** member = entry->gr_mem; *member != nullptr; ++member)
-    if (user == *member) return true;
-  return false;
-}
 
 void ensureAccount(const TestAccount& account) {
   if (getpwnam(account.name.c_str()) == nullptr) {
     tovel::ExecCmd add("useradd");
-    add << "-m"
-        << "-d"
-        << "/home/" + account.name << "-s"
-        << "/bin/sh";
-    if (account.name == rootAccount().name)
-      add << "-o"
-          << "-u"
-          << "0"
-          << "-g"
-          << "0";
+    add << "-m" << "-s" << "/bin/sh";
+    if (&account == &rootAccount()) add << "-o" << "-u" << "0" << "-g" << "0";
     add << account.name;
     add.exec();
   }
-  if (account.name == sudoAccount().name && !inGroup(account.name, "sudo")) {
+  if (&account == &sudoAccount()) {
     tovel::ExecCmd join("usermod");
-    join << "-a"
-         << "-G"
-         << "sudo" << account.name;
+    join << "-a" << "-G" << "sudo" << account.name;
     join.exec();
   }
 }
 
-void ensurePrivilegeSeparationDir() {
-  if (mkdir("/run/sshd", 0755) != 0 && errno != EEXIST)
-    throw std::runtime_error("cannot create /run/sshd");
+void setUpTestAccounts() {
+  // Test programs running at once take turns; the lock goes with the fd.
+  int lock = open("/run/lock/ferrow-test-accounts.lock",
+                  O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  if (lock < 0 || flock(lock, LOCK_EX) != 0)
+    throw std::runtime_error("cannot lock the test accounts");
+  std::string passwords;
+  for (const TestAccount& account : kAccounts) {
+    ensureAccount(account);
+    passwords += account.name + ":" + account.password + "\n";
+  }
+  tovel::ExecCmd chpasswd("chpasswd");
+  chpasswd.setInput(passwords);
+  chpasswd.exec();
+  close(lock);
 }
 
-// A port that was free a moment ago; sshd may still lose it to a race,
-// which the caller retries.
-unsigned short freePort() {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) throw std::runtime_error("socket failed");
+sockaddr_in loopback(unsigned short port) {
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
+  addr.sin_port = htons(port);
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return addr;
+}
+
+// A port that was free a moment ago; losing it to a race is retried.
+unsigned short freePort() {
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in addr = loopback(0);
   socklen_t length = sizeof addr;
   bool ok = bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
             getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &length) == 0;
@@ -171,54 +85,50 @@ unsigned short freePort() {
   return ntohs(addr.sin_port);
 }
 
-// Whether 127.0.0.1:port accepts a connection and greets with "SSH-"
-// within two seconds.
+// Whether 127.0.0.1:port greets with "SSH-" within two seconds.
 bool answersBanner(unsigned short port) {
   int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return false;
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(port);
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in addr = loopback(port);
   char banner[4] = {};
-  bool ok = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
   pollfd ready = {fd, POLLIN, 0};
-  ok = ok && poll(&ready, 1, 2000) == 1 &&
-       recv(fd, banner, sizeof banner, MSG_WAITALL) == sizeof banner;
+  bool ok = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
+            poll(&ready, 1, 2000) == 1 &&
+            recv(fd, banner, sizeof banner, MSG_WAITALL) == sizeof banner;
   close(fd);
   return ok && std::memcmp(banner, "SSH-", 4) == 0;
 }
 
 std::string configText(const std::string& dir, unsigned short port) {
   std::ostringstream text;
-  text << "ListenAddress 127.0.0.1\n"
-       << "Port " << port << "\n"
-       << "HostKey " << dir << "/host_ed25519_key\n"
-       << "PidFile " << dir << "/sshd.pid\n"
-       << "UsePAM yes\n"
-          "PasswordAuthentication yes\n"
-          "KbdInteractiveAuthentication yes\n"
-          "PubkeyAuthentication yes\n"
-          "PermitRootLogin yes\n"
-          "StrictModes no\n"
-          "UseDNS no\n"
-          "LogLevel VERBOSE\n"
-          "MaxStartups 100\n"
-          "MaxSessions 100\n"
-          "PrintMotd no\n"
-          "Subsystem sftp internal-sftp\n"
-       << "Match User " << kbdAccount().name << "\n"
-       << "  PasswordAuthentication no\n"
-          "  AuthenticationMethods keyboard-interactive\n"
-       << "Match User " << pubkeyAccount().name << "\n"
-       << "  AuthenticationMethods publickey\n";
+  text << "ListenAddress 127.0.0.1\nPort " << port << "\nHostKey " << dir
+       << "/host_key\nPidFile " << dir << "/sshd.pid\n"
+       << "UsePAM yes\nPasswordAuthentication yes\n"
+          "KbdInteractiveAuthentication yes\nPermitRootLogin yes\n"
+          "StrictModes no\nUseDNS no\nLogLevel VERBOSE\nMaxStartups 100\n"
+          "MaxSessions 100\nPrintMotd no\n"
+       << "Match User " << kbdAccount().name
+       << "\n  AuthenticationMethods keyboard-interactive\n"
+       << "Match User " << pubkeyAccount().name
+       << "\n  AuthenticationMethods publickey\n";
   return text.str();
 }
 
-// Forks and execs argv[0] (an absolute path) with /dev/null as standard
-// streams. The child gets SIGTERM when this thread ends, so that a test
-// program that dies leaves no server behind.
-pid_t spawn(const tovel::ArgList& argv) {
+// Runs sshd in a mount namespace of its own where a copy of its PAM file
+// without the failure delay is bound. Standard streams go to /dev/null; the
+// child gets SIGTERM when the starting thread ends, so that a test program
+// that dies leaves no server behind.
+pid_t spawnSshd(const std::string& dir) {
+  std::string pam = readFile("/etc/pam.d/sshd");
+  pam = std::regex_replace(
+      pam, std::regex("@include common-auth"),
+      "auth [success=1 default=ignore] pam_unix.so nullok nodelay\n"
+      "auth requisite pam_deny.so\nauth required pam_permit.so");
+  writeFile(dir + "/pam", pam);
+  tovel::ArgList argv;
+  argv << "/usr/bin/unshare" << "-m" << "--propagation" << "private" << "sh"
+       << "-c" << "mount --bind \"$0\" /etc/pam.d/sshd && exec \"$@\""
+       << dir + "/pam" << "/usr/sbin/sshd" << "-D" << "-e" << "-f"
+       << dir + "/sshd_config" << "-E" << dir + "/sshd.log";
   pid_t parent = getpid();
   pid_t pid = fork();
   if (pid < 0) throw std::runtime_error("fork failed");
@@ -226,92 +136,34 @@ pid_t spawn(const tovel::ArgList& argv) {
   prctl(PR_SET_PDEATHSIG, SIGTERM);
   if (getppid() != parent) _exit(127);
   int null = open("/dev/null", O_RDWR);
-  if (null < 0) _exit(127);
-  dup2(null, 0);
-  dup2(null, 1);
-  dup2(null, 2);
+  for (int fd = 0; fd < 3; ++fd) dup2(null, fd);
   closefrom(3);
   execv(argv.argv()[0], argv.argv());
   _exit(127);
 }
 
-// Waits up to ms for pid to end; reaps it.
-bool reapWithin(pid_t pid, int ms) {
-  Clock::time_point start = Clock::now();
-  do {
-    pid_t done = waitpid(pid, nullptr, WNOHANG);
-    if (done == pid || (done < 0 && errno == ECHILD)) return true;
-    sleepMs(10);
-  } while (elapsedMs(start) < ms);
-  return false;
+std::vector<pid_t> childrenOf(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/task/" +
+                   std::to_string(pid) + "/children");
+  std::vector<pid_t> children;
+  for (pid_t child; in >> child;) children.push_back(child);
+  return children;
 }
 
-// The parent pid in /proc/<pid>/stat (after the command in parentheses),
-// or -1.
-pid_t parentOf(const std::string& pid) {
-  std::ifstream in("/proc/" + pid + "/stat");
-  std::string stat;
-  std::getline(in, stat);
-  size_t end = stat.rfind(')');
-  if (end == std::string::npos) return -1;
-  std::istringstream fields(stat.substr(end + 1));
-  char state = 0;
-  pid_t ppid = -1;
-  fields >> state >> ppid;
-  return fields ? ppid : -1;
-}
-
-// The name a process runs under ("sshd"), from /proc/<pid>/stat.
-std::string commandOf(const std::string& pid) {
-  std::ifstream in("/proc/" + pid + "/stat");
-  std::string stat;
-  std::getline(in, stat);
-  size_t start = stat.find('(');
-  size_t end = stat.rfind(')');
-  if (start == std::string::npos || end == std::string::npos) return "";
-  return stat.substr(start + 1, end - start - 1);
-}
-
-// The sshd processes at and below pid, parents first.
-void collectSshd(pid_t pid, std::vector<pid_t>* found) {
-  found->push_back(pid);
-  std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), closedir);
-  if (!proc) return;
-  while (const dirent* entry = readdir(proc.get())) {
-    std::string name = entry->d_name;
-    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-    if (parentOf(name) == pid && commandOf(name) == "sshd") {
-      collectSshd(std::stoi(name), found);
-    }
-  }
-}
+void pause(int ms) { usleep(ms * 1000); }
 
 }  // namespace
 
-const TestAccount& rootAccount() { return allAccounts()[kRoot]; }
-const TestAccount& sudoAccount() { return allAccounts()[kSudo]; }
-const TestAccount& plainAccount() { return allAccounts()[kPlain]; }
-const TestAccount& kbdAccount() { return allAccounts()[kKbd]; }
-const TestAccount& pubkeyAccount() { return allAccounts()[kKey]; }
-std::vector<TestAccount> testAccounts() { return allAccounts(); }
+const TestAccount& rootAccount() { return kAccounts[0]; }
+const TestAccount& sudoAccount() { return kAccounts[1]; }
+const TestAccount& plainAccount() { return kAccounts[2]; }
+const TestAccount& kbdAccount() { return kAccounts[3]; }
+const TestAccount& pubkeyAccount() { return kAccounts[4]; }
 
 std::string homeOf(const TestAccount& account) {
   const passwd* entry = getpwnam(account.name.c_str());
   if (entry == nullptr) throw std::runtime_error("no account " + account.name);
   return entry->pw_dir;
-}
-
-void setUpTestAccounts() {
-  AccountsLock lock;
-  installPackages();
-  std::string passwords;
-  for (const TestAccount& account : allAccounts()) {
-    ensureAccount(account);
-    passwords += account.name + ":" + account.password + "\n";
-  }
-  tovel::ExecCmd chpasswd("chpasswd");
-  chpasswd.setInput(passwords);
-  chpasswd.exec();
 }
 
 void ensureTestAccounts() {
@@ -321,16 +173,12 @@ void ensureTestAccounts() {
 
 SshdServer::SshdServer() : dir_(std::make_unique<TempDir>()), owner_(getpid()) {
   ensureTestAccounts();
-  ensurePrivilegeSeparationDir();
+  mkdir("/run/sshd", 0755);  // privilege separation
   tovel::ExecCmd keygen("ssh-keygen");
-  keygen << "-q"
-         << "-t"
-         << "ed25519"
-         << "-N"
-         << ""
-         << "-f" << directory() + "/host_ed25519_key";
+  keygen << "-q" << "-t" << "ed25519" << "-N" << ""
+         << "-f" << dir_->path() + "/host_key";
   keygen.exec();
-  for (int attempt = 0; attempt < kStartAttempts; ++attempt)
+  for (int attempt = 0; attempt < 5; ++attempt)
     if (tryStart(freePort())) return;
   throw std::runtime_error("sshd did not start; its log:\n" + logText());
 }
@@ -346,52 +194,44 @@ SshdServer& SshdServer::shared() {
 }
 
 bool SshdServer::tryStart(unsigned short port) {
-  writeFile(directory() + "/sshd_config", configText(directory(), port));
-  tovel::ArgList argv;
-  argv << kSshd << "-D"
-       << "-e"
-       << "-f" << directory() + "/sshd_config"
-       << "-E" << directory() + "/sshd.log";
-  pid_ = spawn(argv);
+  writeFile(dir_->path() + "/sshd_config", configText(dir_->path(), port));
+  pid_ = spawnSshd(dir_->path());
   port_ = port;
-  Clock::time_point start = Clock::now();
-  while (elapsedMs(start) < kBannerTimeoutMs) {
+  for (int round = 0; round < 200; ++round) {  // 10 s
     if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
       pid_ = 0;  // most likely lost the port to another program
       return false;
     }
     if (answersBanner(port)) {
       // The probe's own connection process ends once it sees the close.
-      for (int i = 0; i < 500 && !connectionPids().empty(); ++i) sleepMs(10);
+      for (int i = 0; i < 500 && !connectionPids().empty(); ++i) pause(10);
       return true;
     }
-    sleepMs(50);
+    pause(50);
   }
   stop();
   return false;
 }
 
 std::string SshdServer::logText() const {
-  std::string name = directory() + "/sshd.log";
+  std::string name = dir_->path() + "/sshd.log";
   return fileExists(name) ? readFile(name) : std::string();
 }
 
 std::vector<pid_t> SshdServer::connectionPids() const {
-  std::vector<pid_t> children;
-  if (pid_ == 0) return children;
-  std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), closedir);
-  if (!proc) throw std::runtime_error("cannot read /proc");
-  while (const dirent* entry = readdir(proc.get())) {
-    std::string name = entry->d_name;
-    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-    if (parentOf(name) == pid_) children.push_back(std::stoi(name));
-  }
-  return children;
+  return pid_ == 0 ? std::vector<pid_t>() : childrenOf(pid_);
 }
 
 void SshdServer::killConnection(pid_t monitor) {
-  std::vector<pid_t> pids;
-  collectSshd(monitor, &pids);
+  std::vector<pid_t> pids = {monitor};
+  for (size_t i = 0; i < pids.size() && i < 100; ++i) {
+    for (pid_t child : childrenOf(pids[i])) {
+      std::ifstream comm("/proc/" + std::to_string(child) + "/comm");
+      std::string name;
+      if (comm >> name && name.compare(0, 4, "sshd") == 0)
+        pids.push_back(child);
+    }
+  }
   for (pid_t pid : pids) kill(pid, SIGKILL);
 }
 
@@ -401,10 +241,9 @@ void SshdServer::killConnections() const {
 
 std::vector<pid_t> SshdServer::waitForConnections(size_t count,
                                                   int timeoutMs) const {
-  Clock::time_point start = Clock::now();
   std::vector<pid_t> pids = connectionPids();
-  while (pids.size() < count && elapsedMs(start) < timeoutMs) {
-    sleepMs(20);
+  for (int waited = 0; pids.size() < count && waited < timeoutMs; waited += 20) {
+    pause(20);
     pids = connectionPids();
   }
   return pids;
@@ -415,7 +254,12 @@ void SshdServer::stop() {
   // Open sessions would outlive the listener; they belong to this test.
   for (pid_t child : connectionPids()) kill(child, SIGTERM);
   kill(pid_, SIGTERM);
-  if (!reapWithin(pid_, kStopGraceMs)) {
+  bool gone = false;
+  for (int i = 0; i < 300 && !gone; ++i) {
+    gone = waitpid(pid_, nullptr, WNOHANG) != 0;
+    if (!gone) pause(10);
+  }
+  if (!gone) {
     kill(pid_, SIGKILL);
     waitpid(pid_, nullptr, 0);
   }

@@ -1,7 +1,6 @@
 // A real OpenSSH server on 127.0.0.1 for end-to-end tests, and the local
-// accounts that log in to it. The packages (openssh-server, openssh-client,
-// sudo) are installed and the accounts created on first use; both steps are
-// serialised between concurrently running test programs by a file lock.
+// accounts that log in to it. The accounts are created on first use, under
+// a file lock shared by concurrently running test programs.
 #ifndef FERROW_TESTS_SUPPORT_SSHD_SERVER_H_
 #define FERROW_TESTS_SUPPORT_SSHD_SERVER_H_
 
@@ -22,7 +21,7 @@ struct TestAccount {
   std::string password;
 };
 
-// "ferrowroot": a second name for uid 0 (gid 0, home /home/ferrowroot).
+// "ferrowroot": a second name for uid 0 and gid 0.
 const TestAccount& rootAccount();
 // "ferrowsudo": member of group "sudo", so sudo asks for its password.
 const TestAccount& sudoAccount();
@@ -32,29 +31,23 @@ const TestAccount& plainAccount();
 const TestAccount& kbdAccount();
 // "ferrowkey": the server offers it publickey only (no key is installed).
 const TestAccount& pubkeyAccount();
-// The five accounts above.
-std::vector<TestAccount> testAccounts();
 
-// The home directory of account (from the password database).
 std::string homeOf(const TestAccount& account);
 
-// Installs the packages when /usr/sbin/sshd or sudo is missing, then creates
-// the accounts that are missing and sets every password; safe to repeat.
-// Root's own entry is never touched. Throws std::runtime_error.
-void setUpTestAccounts();
-// setUpTestAccounts() once per process.
+// Creates the missing accounts and sets every password, once per process;
+// root's own entry is never touched. Throws std::runtime_error.
 void ensureTestAccounts();
 
-// One sshd listening on 127.0.0.1 on a free port, with its own directory
-// holding the configuration, an ed25519 host key, the pid file and the log.
-// Password and keyboard-interactive logins go through PAM; root may log in.
+// One sshd on 127.0.0.1 on a free port, with its own directory holding the
+// configuration, a host key and the log. Logins go through PAM, whose
+// two-second delay after a wrong password is left out (a private copy of
+// the sshd PAM file, bound in the server's own mount namespace).
 class SshdServer {
  public:
-  // Ensures the accounts, then starts sshd and waits until it answers with
-  // its "SSH-" banner. Throws std::runtime_error when it cannot.
+  // Ensures the accounts, starts sshd and waits for its "SSH-" greeting.
+  // Throws std::runtime_error when it cannot.
   SshdServer();
-  // Stops the server (see stop()) and removes its directory.
-  ~SshdServer();
+  ~SshdServer();  // stops the server, removes its directory
   SshdServer(const SshdServer&) = delete;
   SshdServer& operator=(const SshdServer&) = delete;
 
@@ -62,33 +55,24 @@ class SshdServer {
   static SshdServer& shared();
 
   unsigned short port() const { return port_; }
-  // The listener's pid; 0 once stopped.
-  pid_t pid() const { return pid_; }
-  const std::string& directory() const { return dir_->path(); }
   // The contents of the server's log so far.
   std::string logText() const;
 
-  // The listener's direct children: one monitor process per open
-  // connection. Killing one with SIGKILL drops that connection.
+  // The listener's children: one monitor process per open connection.
   std::vector<pid_t> connectionPids() const;
-  // Kills (SIGKILL) the server side of the connection whose monitor is
-  // `monitor`: the monitor and its sshd children, parents first, leaving
-  // the command the connection runs. Killing the command first would let
-  // sshd report its end before the connection goes.
+  // Kills (SIGKILL) the monitor and its sshd children, parents first,
+  // leaving the command the connection runs: killing the command first
+  // would let sshd report its end before the connection goes.
   static void killConnection(pid_t monitor);
-  // The same for every open connection.
-  void killConnections() const;
-  // Polls for up to timeoutMs until at least count connections are open;
-  // returns their pids (fewer on timeout).
+  void killConnections() const;  // every open connection
+  // Polls for up to timeoutMs until count connections are open; returns
+  // their pids (fewer on timeout).
   std::vector<pid_t> waitForConnections(size_t count,
                                         int timeoutMs = 10000) const;
 
-  // Sends SIGTERM and reaps the listener, SIGKILL after 3 s. Does nothing
-  // when already stopped, or in a forked child of the starting process.
-  void stop();
-
  private:
   bool tryStart(unsigned short port);
+  void stop();
 
   // Released, not removed, by a forked child of the starting process.
   std::unique_ptr<TempDir> dir_;
