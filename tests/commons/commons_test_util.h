@@ -1,11 +1,10 @@
-// Helpers shared by the commons and xml tests.
+// Helpers of the commons and xml tests.
 #ifndef FERROW_TESTS_COMMONS_COMMONS_TEST_UTIL_H_
 #define FERROW_TESTS_COMMONS_COMMONS_TEST_UTIL_H_
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstdio>
 #include <functional>
 #include <string>
 #include <vector>
@@ -18,8 +17,7 @@
 namespace tovel {
 namespace testing_util {
 
-// Runs body, which must throw Exc<Tag>; returns its message ("" and a test
-// failure otherwise).
+// The message of the Exc<Tag> that body throws ("" and a failure otherwise).
 template <ExcTag Tag>
 std::string messageOf(const std::function<void()>& body) {
   try {
@@ -34,61 +32,40 @@ std::string messageOf(const std::function<void()>& body) {
   return std::string();
 }
 
-// Collects the host log lines written while it lives.
+// Collects the host log lines written while it lives (installing a sink
+// replays earlier lines: those are dropped).
 class HostLogCapture {
  public:
   HostLogCapture() {
     setHostLogSink([this](HostLogLevel, const std::string& line) {
       lines_.push_back(line);
     });
-    lines_.clear();  // installing a sink replays earlier lines: not ours
+    lines_.clear();
   }
   ~HostLogCapture() { setHostLogSink(HostLogSink()); }
-  HostLogCapture(const HostLogCapture&) = delete;
-  const std::vector<std::string>& lines() const { return lines_; }
-
- private:
   std::vector<std::string> lines_;
 };
 
 // Points the process-wide configuration at a scratch file (absent until
-// write()) and restores the real path afterwards.
+// written) while it lives.
 class ScratchConf {
  public:
   ScratchConf() { dyrConfResetForTesting(path().c_str()); }
   ~ScratchConf() { dyrConfResetForTesting(nullptr); }
-  void write(const std::string& text) const {
-    ferrow_test::writeFile(path(), text);
-  }
+  void write(const std::string& text) { ferrow_test::writeFile(path(), text); }
   std::string path() const { return dir_.path() + "/dyr.conf"; }
 
  private:
   ferrow_test::TempDir dir_;
 };
 
-// Sets the process umask for its lifetime.
-class ScopedUmask {
- public:
-  explicit ScopedUmask(mode_t mask) : saved_(umask(mask)) {}
-  ~ScopedUmask() { umask(saved_); }
-  ScopedUmask(const ScopedUmask&) = delete;
-
- private:
-  mode_t saved_;
-};
-
-// Type, owner, group and permission bits of path, as "d 0:0 0750" ("f" for
-// a regular file), or "missing".
+// "d 0:0 0750": directory or file, owner, group, permissions; or "missing".
 inline std::string describe(const std::string& path) {
   struct stat st;
   if (stat(path.c_str(), &st) != 0) return "missing";
   char text[64];
-  snprintf(text, sizeof text, "%c %u:%u %04o",
-           S_ISDIR(st.st_mode)   ? 'd'
-           : S_ISREG(st.st_mode) ? 'f'
-                                 : '?',
-           unsigned(st.st_uid), unsigned(st.st_gid),
-           unsigned(st.st_mode & 07777));
+  snprintf(text, sizeof text, "%c %u:%u %04o", S_ISDIR(st.st_mode) ? 'd' : 'f',
+           unsigned(st.st_uid), unsigned(st.st_gid), unsigned(st.st_mode & 07777));
   return text;
 }
 
