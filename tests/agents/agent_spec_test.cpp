@@ -20,85 +20,39 @@ using ferrow_test::LogCapture;
 using ferrow_test::writeFile;
 using ::testing::Contains;
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
-// --- spec syntax -------------------------------------------------------------
-
-class AgentParseTest : public ::testing::Test {
- protected:
-  std::string spec(const std::string& text) {
-    std::string name = dir_.path() + "/spec";
-    writeFile(name, text);
-    return name;
-  }
-  // The message of the ParseFailed that parsing text raises.
-  std::string failure(const std::string& text) {
-    std::string name = spec(text);
+TEST(AgentParseTest, KeysValuesAndRefusedLines) {
+  ferrow_test::TempDir dir;
+  const std::string name = dir.path() + "/spec";
+  writeFile(name,
+            "Interpreter:   /usr/bin/perl -w\n\nStylesheet: agent.xsl\n"
+            "DocumentType:\tdump.dtd\nEntryPoint:agent.pl\n"
+            "Description: Source: agent \r\nEntryPoint: later.pl");
+  EXPECT_THAT(Agent::parse(name),
+              ElementsAre("Source: agent \r", "later.pl", "dump.dtd",
+                          "agent.xsl", "/usr/bin/perl -w"));
+  EXPECT_THAT(Agent::parse(dir.path() + "/missing"),
+              ElementsAre("", "", "", "", ""));
+  // Keys are exact; line numbers count the empty lines too.
+  const std::string illegal = "Illegal parameter found in " + name + ": ";
+  const std::pair<std::string, std::string> refused[] = {
+      {"Description: d\n\nno colon here\n",
+       name + ":3: Expected '<token>: <value>', got 'no colon here'"},
+      {"Entrypoint: x\n", illegal + "Entrypoint"},
+      {"EntryPoint : x\n", illegal + "EntryPoint "},
+      {" EntryPoint: x\n", illegal + " EntryPoint"},
+      {"EntryPointX: x\n", illegal + "EntryPointX"},
+  };
+  for (const auto& r : refused) {
+    writeFile(name, r.first);
     try {
       Agent::parse(name);
+      ADD_FAILURE() << "accepted: " << r.first;
     } catch (const Exc<&ParseFailed>& e) {
-      return e.what();
+      EXPECT_EQ("Unable to parse spec file: " + r.second, e.what());
     }
-    ADD_FAILURE() << "accepted: " << text;
-    return "";
   }
-
-  ferrow_test::TempDir dir_;
-};
-
-TEST_F(AgentParseTest, ReadsEveryKeyInItsSlot) {
-  Agent::Data data = Agent::parse(
-      spec("Interpreter:   /usr/bin/perl -w\n"
-           "\n"
-           "Stylesheet: agent.xsl\n"
-           "DocumentType:\tdump.dtd\n"
-           "EntryPoint:agent.pl\n"
-           "Description: Source: server agent  \n"
-           "EntryPoint: later.pl"));  // last line without a line break
-  EXPECT_EQ(data[Agent::kDescription], "Source: server agent  ");
-  EXPECT_EQ(data[Agent::kEntryPoint], "later.pl");
-  EXPECT_EQ(data[Agent::kDocumentType], "dump.dtd");
-  EXPECT_EQ(data[Agent::kStylesheet], "agent.xsl");
-  EXPECT_EQ(data[Agent::kInterpreter], "/usr/bin/perl -w");
 }
-
-TEST_F(AgentParseTest, CarriageReturnsStayInTheValues) {
-  Agent::Data data =
-      Agent::parse(spec("Description: x\r\nEntryPoint: agent.pl\r\n"));
-  EXPECT_EQ(data[Agent::kDescription], "x\r");
-  EXPECT_EQ(data[Agent::kEntryPoint], "agent.pl\r");
-}
-
-TEST_F(AgentParseTest, AbsentKeysAndUnreadableFilesGiveEmptyValues) {
-  Agent::Data data = Agent::parse(spec("EntryPoint: a.pl\n"));
-  EXPECT_EQ(data[Agent::kInterpreter], "");
-  EXPECT_EQ(data[Agent::kDocumentType], "");
-  data = Agent::parse(dir_.path() + "/missing");
-  for (const std::string& value : data) EXPECT_EQ(value, "");
-}
-
-TEST_F(AgentParseTest, RejectsLinesThatAreNotKnownKeys) {
-  const std::string name = dir_.path() + "/spec";
-  // Line numbers count the empty lines too.
-  EXPECT_EQ(failure("Description: d\n\nno colon here\n"),
-            "Unable to parse spec file: " + name +
-                ":3: Expected '<token>: <value>', got 'no colon here'");
-  EXPECT_EQ(failure("Entrypoint: x\n"),
-            "Unable to parse spec file: Illegal parameter found in " + name +
-                ": Entrypoint");
-  EXPECT_EQ(failure("EntryPoint : x\n"),
-            "Unable to parse spec file: Illegal parameter found in " + name +
-                ": EntryPoint ");
-  EXPECT_EQ(failure(" EntryPoint: x\n"),
-            "Unable to parse spec file: Illegal parameter found in " + name +
-                ":  EntryPoint");
-  EXPECT_EQ(failure("EntryPointX: x\n"),
-            "Unable to parse spec file: Illegal parameter found in " + name +
-                ": EntryPointX");
-}
-
-// --- the factory
-// ---------------------------------------------------------------
 
 class AgentsFactoryTest : public ::testing::Test {
  protected:
@@ -119,15 +73,15 @@ class AgentsFactoryTest : public ::testing::Test {
                                           "/control");
     writeFile(specOf(agent), spec);
   }
-  // The message of the AgentNotFound that getAgent(name) raises.
-  std::string notFound(const std::string& name) {
+  void expectNotFound(const std::string& name) {
     try {
       factory_.getAgent(name);
+      ADD_FAILURE() << name << " was found";
     } catch (const Exc<&AgentNotFound>& e) {
-      return e.what();
+      EXPECT_EQ("Agent " + name +
+                    " was not found or does not contain proper spec file",
+                std::string(e.what()));
     }
-    ADD_FAILURE() << name << " was found";
-    return "";
   }
 
   ferrow_test::TempDir dir_;
@@ -135,21 +89,18 @@ class AgentsFactoryTest : public ::testing::Test {
   AgentsFactory factory_;
 };
 
-TEST_F(AgentsFactoryTest, FindsAnAgentAndLogsItsSpec) {
+TEST_F(AgentsFactoryTest, FindsLogsAndKeepsAnAgentOnce) {
   addAgent("sample",
            "Description: Source agent\nEntryPoint: agent.pl\n"
-           "DocumentType: dump.dtd\nStylesheet: s.xsl\n");
+           "DocumentType: dump.dtd\n");
+  addAgent("sh-agent", "EntryPoint: run.sh\nInterpreter: /bin/sh\n");
   LogCapture agentLog("p.Agent");
   LogCapture factoryLog("p.AgentsFactory");
   std::shared_ptr<Agent> agent = factory_.getAgent("sample");
-  ASSERT_TRUE(agent);
-  EXPECT_EQ(agent->getName(), "sample");
-  EXPECT_EQ(agent->getEntryPoint(), "agent.pl");
-  EXPECT_EQ(agent->getStylesheet(), "s.xsl");
-  EXPECT_EQ(agent->getInterpreter(), "");
-  EXPECT_EQ(agent->getInterpreterOrDefault(), "perl");
-  EXPECT_EQ(agent->getDocumentTypePath(),
-            catalogue_ + "/sample/control/dump.dtd");
+  EXPECT_EQ("sample", agent->getName());
+  EXPECT_EQ("perl", agent->getInterpreterOrDefault());
+  EXPECT_EQ(catalogue_ + "/sample/control/dump.dtd",
+            agent->getDocumentTypePath());
   EXPECT_THAT(
       factoryLog.lines(),
       ElementsAre("Parsing sample", "Parsing " + catalogue_ + "/sample"));
@@ -158,56 +109,34 @@ TEST_F(AgentsFactoryTest, FindsAnAgentAndLogsItsSpec) {
       ElementsAre("Description: Source agent", "EntryPoint: agent.pl",
                   "DocumentType: " + catalogue_ + "/sample/control/dump.dtd",
                   "Interpreter: perl"));
+  std::shared_ptr<Agent> sh = factory_.getAgent("sh-agent");
+  EXPECT_EQ("/bin/sh", sh->getInterpreterOrDefault());
+  EXPECT_EQ("", sh->getDocumentTypePath());
+
+  // Parsed once: a changed spec is not read again by this factory.
+  writeFile(specOf("sample"), "EntryPoint: second.pl\n");
+  EXPECT_TRUE(factory_.parseAgent("sample", catalogue_ + "/sample"));
+  EXPECT_EQ(agent, factory_.getAgent("sample"));
+  EXPECT_EQ("agent.pl", agent->getEntryPoint());
+  EXPECT_EQ(5u, factoryLog.lines().size());  // only the parse asked for
+  EXPECT_EQ("second.pl", AgentsFactory().getAgent("sample")->getEntryPoint());
 }
 
-TEST_F(AgentsFactoryTest, NamedInterpreterAndNoDocumentType) {
-  addAgent("sh-agent", "EntryPoint: run.sh\nInterpreter: /bin/sh\n");
-  std::shared_ptr<Agent> agent = factory_.getAgent("sh-agent");
-  EXPECT_EQ(agent->getInterpreterOrDefault(), "/bin/sh");
-  EXPECT_EQ(agent->getDocumentTypePath(), "");
-}
-
-TEST_F(AgentsFactoryTest, AnAgentIsParsedOnce) {
-  addAgent("a", "EntryPoint: first.pl\n");
-  std::shared_ptr<Agent> first = factory_.getAgent("a");
-  writeFile(specOf("a"), "EntryPoint: second.pl\n");
-  LogCapture log("p.AgentsFactory");
-  EXPECT_EQ(factory_.getAgent("a"), first);
-  EXPECT_EQ(first->getEntryPoint(), "first.pl");
-  EXPECT_THAT(log.lines(), IsEmpty());
-  // Parsing again under a cached name keeps the cached agent.
-  EXPECT_TRUE(factory_.parseAgent("a", catalogue_ + "/a"));
-  EXPECT_EQ(factory_.getAgent("a"), first);
-  // Another factory reads the catalogue afresh.
-  AgentsFactory other;
-  EXPECT_EQ(other.getAgent("a")->getEntryPoint(), "second.pl");
-}
-
-TEST_F(AgentsFactoryTest, InvalidSpecIsRetriedUntilItParses) {
+TEST_F(AgentsFactoryTest, BrokenAgentsAreRefusedUntilMended) {
   addAgent("a", "Entrypoint: wrong.pl\n");
-  LogCapture log("p.AgentsFactory");
-  EXPECT_EQ(notFound("a"),
-            "Agent a was not found or does not contain proper spec file");
-  // The placeholder is written out as it stands, the path right after it.
-  EXPECT_THAT(log.lines(),
-              Contains("%1% is not a valid agent spec file" + specOf("a")));
-  writeFile(specOf("a"), "EntryPoint: right.pl\n");
-  EXPECT_EQ(factory_.getAgent("a")->getEntryPoint(), "right.pl");
-}
-
-TEST_F(AgentsFactoryTest, SpecMustBeAFile) {
   boost::filesystem::create_directories(specOf("dir-spec"));
   boost::filesystem::create_directories(catalogue_ + "/no-spec/control");
   LogCapture log("p.AgentsFactory");
-  notFound("dir-spec");
-  notFound("no-spec");
-  notFound("absent");
+  for (const char* name : {"a", "dir-spec", "no-spec", "absent"})
+    expectNotFound(name);
+  // The placeholder is written out as it stands, the path right after it.
   EXPECT_THAT(log.lines(),
-              Contains(specOf("dir-spec") + " is not a regular file"));
-  EXPECT_THAT(log.lines(),
-              Contains(specOf("no-spec") + " is not a regular file"));
-  EXPECT_THAT(log.lines(),
-              Contains(specOf("absent") + " is not a regular file"));
+              Contains("%1% is not a valid agent spec file" + specOf("a")));
+  for (const char* name : {"dir-spec", "no-spec", "absent"}) {
+    EXPECT_THAT(log.lines(), Contains(specOf(name) + " is not a regular file"));
+  }
+  writeFile(specOf("a"), "EntryPoint: right.pl\n");
+  EXPECT_EQ("right.pl", factory_.getAgent("a")->getEntryPoint());
 }
 
 TEST_F(AgentsFactoryTest, GetAllAgentsCachesEveryValidOne) {
@@ -216,26 +145,20 @@ TEST_F(AgentsFactoryTest, GetAllAgentsCachesEveryValidOne) {
   writeFile(catalogue_ + "/loose-file", "not an agent");
   LogCapture log("p.AgentsFactory");
   factory_.getAllAgents();
-  EXPECT_THAT(log.lines(), Contains("Parsing available agents info"));
-  EXPECT_THAT(log.lines(), Contains("Parsing shared"));
-  EXPECT_THAT(log.lines(), Contains("Parsing good"));
-  EXPECT_THAT(log.lines(), Contains("Parsing bad"));
+  for (const char* line : {"Parsing available agents info", "Parsing shared",
+                           "Parsing good", "Parsing bad"}) {
+    EXPECT_THAT(log.lines(), Contains(line));
+  }
   EXPECT_THAT(log.lines(), ::testing::Not(Contains("Parsing loose-file")));
-  // Once the catalogue is gone only what was cached is left.
+  // Once the catalogue is gone only what was cached is left, and a missing
+  // catalogue is no broken agent: no warning.
   boost::filesystem::rename(catalogue_, catalogue_ + ".gone");
-  EXPECT_EQ(factory_.getAgent("good")->getEntryPoint(), "g.pl");
-  notFound("bad");
-}
-
-TEST_F(AgentsFactoryTest, MissingCatalogueFindsNothing) {
-  boost::filesystem::remove_all(catalogue_);
-  LogCapture log("p.AgentsFactory");
-  factory_.getAllAgents();
-  EXPECT_THAT(log.lines(), ElementsAre("Parsing available agents info"));
-  EXPECT_EQ(notFound("shared"),
-            "Agent shared was not found or does not contain proper spec file");
-  // No warning either: a missing catalogue is not a broken agent.
-  EXPECT_EQ(log.lines().back(), "Parsing shared");
+  EXPECT_EQ("g.pl", factory_.getAgent("good")->getEntryPoint());
+  expectNotFound("bad");
+  EXPECT_EQ("Parsing bad", log.lines().back());
+  AgentsFactory empty;
+  empty.getAllAgents();
+  EXPECT_EQ("Parsing available agents info", log.lines().back());
 }
 
 }  // namespace

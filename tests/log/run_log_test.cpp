@@ -1,3 +1,4 @@
+// The run record (XmlLog) and the lines that bracket a run in the debug log.
 #include "log/run_log.h"
 
 #include <gmock/gmock.h>
@@ -19,7 +20,6 @@ namespace tovel {
 namespace {
 
 using ferrow_test::fileExists;
-using ferrow_test::readFile;
 using ::testing::HasSubstr;
 
 class RecordingDebugLog : public DebugLog {
@@ -44,9 +44,9 @@ class RunLogTest : public ::testing::Test {
     theSession = nullptr;
     theDebugLog = nullptr;
   }
-  std::string record() const {
+  std::string record(const std::string& name = "migration.result") const {
     return ferrow_test::compactXml(
-        readFile(dir_.path() + "/s/migration.result"));
+        ferrow_test::readFile(dir_.path() + "/s/" + name));
   }
 
   ferrow_test::TempDir dir_;
@@ -54,69 +54,38 @@ class RunLogTest : public ::testing::Test {
   RecordingDebugLog debugLog_;
 };
 
-Exc<&SshConnectionFault> connectionFault() {
-  return Exc<&SshConnectionFault>("f", "./f.cpp", 1);
-}
-
-TEST_F(RunLogTest, WithoutSuccessTheStatusIsError) {
-  { XmlLog log(""); }
-  EXPECT_THAT(record(), HasSubstr("<execution-result status=\"error\"/>"));
+TEST_F(RunLogTest, OnlyObjectsHoldingAnErrorStay) {
+  Exc<&SshConnectionFault> lost("f", "./f.cpp", 1);
   {
-    XmlLog log("");
-    log.setSuccess(true);
-  }
-  EXPECT_THAT(record(), HasSubstr("<execution-result status=\"success\"/>"));
-}
-
-TEST_F(RunLogTest, NamedRecordGoesIntoTheSessionDirectory) {
-  { XmlLog log("transfer.result"); }
-  EXPECT_TRUE(fileExists(dir_.path() + "/s/transfer.result"));
-  EXPECT_FALSE(fileExists(dir_.path() + "/s/migration.result"));
-}
-
-TEST_F(RunLogTest, ObjectsWithoutErrorsLeaveNoTrace) {
-  XmlLog log("");
-  log.pushObject("a", "client");
-  log.pushObject("b", "domain");
-  EXPECT_EQ(2, log.getDepth());
-  log.popObject();
-  log.popObject();
-  EXPECT_EQ(0, log.getDepth());
-  EXPECT_THROW(log.popObject(), Exc<&NoParentNode>);
-}
-
-TEST_F(RunLogTest, AnErrorKeepsEveryEnclosingObject) {
-  {
-    XmlLog log("");
+    LogLifetimeController controller("");
+    Log& log = *theLog;
     log.pushObject("c1", "client");
     log.pushObject("d1", "domain");
-    log.log(connectionFault());
+    log.log(Exc<&CantRetrieveDump>(lost, "g", "./g.cpp", 2));
+    EXPECT_EQ(2, log.getDepth());
     log.popObject();
     log.pushObject("d2", "domain");
     log.popObject();
     log.popObject();
     log.pushObject("c2", "client");
     log.popObject();
+    EXPECT_EQ(0, log.getDepth());
+    EXPECT_THROW(log.popObject(), Exc<&NoParentNode>);
   }
+  EXPECT_EQ(nullptr, theLog);
   std::string text = record();
-  EXPECT_THAT(text, HasSubstr("<object name=\"c1\" type=\"client\">"
+  // Without setSuccess the run is an error.
+  EXPECT_THAT(text, HasSubstr("<execution-result status=\"error\">"
+                              "<object name=\"c1\" type=\"client\">"
                               "<object name=\"d1\" type=\"domain\">"
-                              "<message code=\"SshConnectionFault\""));
-  EXPECT_THAT(text, HasSubstr("<description>Lost connection with the remote "
-                              "host</description></message></object></object>"
+                              "<message code=\"CantRetrieveDump\""));
+  EXPECT_THAT(text,
+              HasSubstr("<description>Error during dump retrieval"
+                        "</description><message code=\"SshConnectionFault\""));
+  EXPECT_THAT(text, HasSubstr("</message></message></object></object>"
                               "</execution-result>"));
   EXPECT_EQ(std::string::npos, text.find("name=\"d2\""));
   EXPECT_EQ(std::string::npos, text.find("name=\"c2\""));
-}
-
-TEST_F(RunLogTest, NestedCauseNestsMessages) {
-  {
-    XmlLog log("");
-    log.log(Exc<&CantRetrieveDump>(connectionFault(), "g", "./g.cpp", 2));
-  }
-  EXPECT_THAT(record(),
-              HasSubstr("<description>Error during dump retrieval</description>"
-                        "<message code=\"SshConnectionFault\""));
 }
 
 TEST_F(RunLogTest, EarlierRecordsGetTheFirstFreeNumber) {
@@ -124,17 +93,15 @@ TEST_F(RunLogTest, EarlierRecordsGetTheFirstFreeNumber) {
     XmlLog log("");
     log.setSuccess(i == 0);
   }
-  EXPECT_THAT(readFile(dir_.path() + "/s/migration.result.1"),
-              HasSubstr("status=\"success\""));
-  EXPECT_THAT(readFile(dir_.path() + "/s/migration.result.2"),
-              HasSubstr("status=\"error\""));
+  EXPECT_THAT(record("migration.result.1"), HasSubstr("status=\"success\""));
+  EXPECT_THAT(record("migration.result.2"), HasSubstr("status=\"error\""));
   ASSERT_EQ(0, unlink((dir_.path() + "/s/migration.result.1").c_str()));
   { XmlLog log(""); }
+  { XmlLog named("transfer.result"); }
   EXPECT_TRUE(fileExists(dir_.path() + "/s/migration.result.1"));
+  EXPECT_TRUE(fileExists(dir_.path() + "/s/transfer.result"));
   EXPECT_FALSE(fileExists(dir_.path() + "/s/migration.result.3"));
-}
-
-TEST_F(RunLogTest, AnUnsavableRecordIsReportedNotThrown) {
+  // A record that cannot be saved is told in the debug log, never thrown.
   {
     XmlLog log("");
     ASSERT_EQ(0, mkdir((dir_.path() + "/s/migration.result").c_str(), 0700));
@@ -144,45 +111,26 @@ TEST_F(RunLogTest, AnUnsavableRecordIsReportedNotThrown) {
               HasSubstr("Unable to save the run record"));
 }
 
-TEST_F(RunLogTest, LifetimeControllerOwnsTheGlobal) {
-  {
-    LogLifetimeController controller("");
-    ASSERT_NE(nullptr, theLog);
-    theLog->setSuccess(true);
-  }
-  EXPECT_EQ(nullptr, theLog);
-  EXPECT_THAT(record(), HasSubstr("status=\"success\""));
-}
-
-TEST_F(RunLogTest, StartAndFinishLines) {
-  char prog[] = "/usr/bin/ferrow";
-  char arg1[] = "--session-path";
-  char arg2[] = "/tmp/a b";
+TEST_F(RunLogTest, StartFinishAndDaemonLines) {
+  char prog[] = "/usr/bin/ferrow", arg1[] = "--session-path",
+       arg2[] = "/tmp/a b";
   char* argv[] = {prog, arg1, arg2, nullptr};
   {
     StartStopLogger logger("Ferrow", 3, argv);
     logger.setExitCode(17);
-  }
-  { StartStopLogger logger("Ferrow", 1, argv); }
-  ASSERT_EQ(4u, debugLog_.lines.size());
-  EXPECT_EQ("Ferrow started : /usr/bin/ferrow --session-path /tmp/a\\ b",
-            debugLog_.lines[0]);
-  EXPECT_EQ("Ferrow finished. Exit code: 17", debugLog_.lines[1]);
-  EXPECT_EQ("Ferrow finished.  (exit code is not reported)",
-            debugLog_.lines[3]);
-}
-
-TEST_F(RunLogTest, DaemonLineWhileRegistered) {
-  char prog[] = "ferrow";
-  char* argv[] = {prog, nullptr};
-  {
-    StartStopLogger logger("Ferrow", 1, argv);
     ASSERT_EQ(1u, childDaemonHandlers.size());
     childDaemonHandlers.front()();
   }
   EXPECT_TRUE(childDaemonHandlers.empty());
+  { StartStopLogger logger("Ferrow", 1, argv); }
+  ASSERT_EQ(5u, debugLog_.lines.size());
+  EXPECT_EQ("Ferrow started : /usr/bin/ferrow --session-path /tmp/a\\ b",
+            debugLog_.lines[0]);
   EXPECT_THAT(debugLog_.lines[1],
               ::testing::MatchesRegex("Ferrow [0-9]+ -> \\([0-9]+ daemon\\)"));
+  EXPECT_EQ("Ferrow finished. Exit code: 17", debugLog_.lines[2]);
+  EXPECT_EQ("Ferrow finished.  (exit code is not reported)",
+            debugLog_.lines[4]);
 }
 
 }  // namespace
