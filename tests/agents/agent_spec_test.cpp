@@ -54,111 +54,75 @@ TEST(AgentParseTest, KeysValuesAndRefusedLines) {
   }
 }
 
-class AgentsFactoryTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    catalogue_ = dir_.path() + "/product/QVT/agents";
-    writeFile(dir_.path() + "/dyr.conf",
-              "PRODUCT_ROOT_D " + dir_.path() + "/product\n");
-    dyrConfResetForTesting((dir_.path() + "/dyr.conf").c_str());
-    boost::filesystem::create_directories(catalogue_ + "/shared");
-  }
-  void TearDown() override { dyrConfResetForTesting(nullptr); }
-
-  std::string specOf(const std::string& agent) const {
-    return catalogue_ + "/" + agent + "/control/spec";
-  }
-  void addAgent(const std::string& agent, const std::string& spec) const {
-    boost::filesystem::create_directories(catalogue_ + "/" + agent +
-                                          "/control");
-    writeFile(specOf(agent), spec);
-  }
-  void expectNotFound(const std::string& name) {
-    try {
-      factory_.getAgent(name);
-      ADD_FAILURE() << name << " was found";
-    } catch (const Exc<&AgentNotFound>& e) {
-      EXPECT_EQ("Agent " + name +
-                    " was not found or does not contain proper spec file",
-                std::string(e.what()));
-    }
-  }
-
-  ferrow_test::TempDir dir_;
-  std::string catalogue_;
-  AgentsFactory factory_;
-};
-
-TEST_F(AgentsFactoryTest, FindsLogsAndKeepsAnAgentOnce) {
-  addAgent("sample",
-           "Description: Source agent\nEntryPoint: agent.pl\n"
-           "DocumentType: dump.dtd\n");
-  addAgent("sh-agent", "EntryPoint: run.sh\nInterpreter: /bin/sh\n");
-  LogCapture agentLog("p.Agent");
-  LogCapture factoryLog("p.AgentsFactory");
-  std::shared_ptr<Agent> agent = factory_.getAgent("sample");
-  EXPECT_EQ("sample", agent->getName());
-  EXPECT_EQ("perl", agent->getInterpreterOrDefault());
-  EXPECT_EQ(catalogue_ + "/sample/control/dump.dtd",
-            agent->getDocumentTypePath());
-  EXPECT_THAT(
-      factoryLog.lines(),
-      ElementsAre("Parsing sample", "Parsing " + catalogue_ + "/sample"));
+// The factory over a catalogue under a fixture product root.
+TEST(AgentsFactoryTest, FindsRejectsAndKeepsAgents) {
+  ferrow_test::TempDir dir;
+  const std::string catalogue = dir.path() + "/product/QVT/agents";
+  auto spec = [&](const std::string& agent) {
+    return catalogue + "/" + agent + "/control/spec";
+  };
+  auto add = [&](const std::string& agent, const std::string& text) {
+    boost::filesystem::create_directories(catalogue + "/" + agent + "/control");
+    if (!text.empty()) writeFile(spec(agent), text);
+  };
+  writeFile(dir.path() + "/c", "PRODUCT_ROOT_D " + dir.path() + "/product\n");
+  dyrConfResetForTesting((dir.path() + "/c").c_str());
+  add("sample", "Description: Src\nEntryPoint: a.pl\nDocumentType: d.dtd\n");
+  add("sh", "EntryPoint: run.sh\nInterpreter: /bin/sh\n");
+  add("bad", "Entrypoint: wrong.pl\n");
+  add("no-spec", "");
+  boost::filesystem::create_directories(spec("dir-spec"));
+  writeFile(catalogue + "/loose-file", "not an agent");
+  LogCapture agentLog("p.Agent"), log("p.AgentsFactory");
+  AgentsFactory factory;
+  std::shared_ptr<Agent> agent = factory.getAgent("sample");
+  EXPECT_THAT(log.lines(), ElementsAre("Parsing sample",
+                                       "Parsing " + catalogue + "/sample"));
   EXPECT_THAT(
       agentLog.lines(),
-      ElementsAre("Description: Source agent", "EntryPoint: agent.pl",
-                  "DocumentType: " + catalogue_ + "/sample/control/dump.dtd",
+      ElementsAre("Description: Src", "EntryPoint: a.pl",
+                  "DocumentType: " + catalogue + "/sample/control/d.dtd",
                   "Interpreter: perl"));
-  std::shared_ptr<Agent> sh = factory_.getAgent("sh-agent");
-  EXPECT_EQ("/bin/sh", sh->getInterpreterOrDefault());
-  EXPECT_EQ("", sh->getDocumentTypePath());
-
-  // Parsed once: a changed spec is not read again by this factory.
-  writeFile(specOf("sample"), "EntryPoint: second.pl\n");
-  EXPECT_TRUE(factory_.parseAgent("sample", catalogue_ + "/sample"));
-  EXPECT_EQ(agent, factory_.getAgent("sample"));
-  EXPECT_EQ("agent.pl", agent->getEntryPoint());
-  EXPECT_EQ(5u, factoryLog.lines().size());  // only the parse asked for
-  EXPECT_EQ("second.pl", AgentsFactory().getAgent("sample")->getEntryPoint());
-}
-
-TEST_F(AgentsFactoryTest, BrokenAgentsAreRefusedUntilMended) {
-  addAgent("a", "Entrypoint: wrong.pl\n");
-  boost::filesystem::create_directories(specOf("dir-spec"));
-  boost::filesystem::create_directories(catalogue_ + "/no-spec/control");
-  LogCapture log("p.AgentsFactory");
-  for (const char* name : {"a", "dir-spec", "no-spec", "absent"})
-    expectNotFound(name);
+  EXPECT_EQ("sample", agent->getName());
+  EXPECT_EQ("/bin/sh", factory.getAgent("sh")->getInterpreterOrDefault());
+  EXPECT_EQ("", factory.getAgent("sh")->getDocumentTypePath());
+  for (const char* name : {"bad", "dir-spec", "no-spec", "absent"}) {
+    try {
+      factory.getAgent(name);
+      ADD_FAILURE() << name << " was found";
+    } catch (const Exc<&AgentNotFound>& e) {
+      EXPECT_EQ(std::string("Agent ") + name +
+                    " was not found or does not contain proper spec file",
+                e.what());
+    }
+  }
   // The placeholder is written out as it stands, the path right after it.
   EXPECT_THAT(log.lines(),
-              Contains("%1% is not a valid agent spec file" + specOf("a")));
-  for (const char* name : {"dir-spec", "no-spec", "absent"}) {
-    EXPECT_THAT(log.lines(), Contains(specOf(name) + " is not a regular file"));
-  }
-  writeFile(specOf("a"), "EntryPoint: right.pl\n");
-  EXPECT_EQ("right.pl", factory_.getAgent("a")->getEntryPoint());
-}
+              Contains("%1% is not a valid agent spec file" + spec("bad")));
+  for (const char* name : {"dir-spec", "no-spec", "absent"})
+    EXPECT_THAT(log.lines(), Contains(spec(name) + " is not a regular file"));
 
-TEST_F(AgentsFactoryTest, GetAllAgentsCachesEveryValidOne) {
-  addAgent("good", "EntryPoint: g.pl\n");
-  addAgent("bad", "garbage\n");
-  writeFile(catalogue_ + "/loose-file", "not an agent");
-  LogCapture log("p.AgentsFactory");
-  factory_.getAllAgents();
-  for (const char* line : {"Parsing available agents info", "Parsing shared",
-                           "Parsing good", "Parsing bad"}) {
-    EXPECT_THAT(log.lines(), Contains(line));
-  }
+  // Parsed once: a mended or changed spec is read by a new factory only,
+  // which finds every valid agent of the catalogue.
+  writeFile(spec("sample"), "EntryPoint: second.pl\n");
+  writeFile(spec("bad"), "EntryPoint: right.pl\n");
+  EXPECT_TRUE(factory.parseAgent("sample", catalogue + "/sample"));
+  EXPECT_EQ(agent, factory.getAgent("sample"));
+  EXPECT_EQ("a.pl", agent->getEntryPoint());
+  AgentsFactory later;
+  later.getAllAgents();
   EXPECT_THAT(log.lines(), ::testing::Not(Contains("Parsing loose-file")));
-  // Once the catalogue is gone only what was cached is left, and a missing
-  // catalogue is no broken agent: no warning.
-  boost::filesystem::rename(catalogue_, catalogue_ + ".gone");
-  EXPECT_EQ("g.pl", factory_.getAgent("good")->getEntryPoint());
-  expectNotFound("bad");
-  EXPECT_EQ("Parsing bad", log.lines().back());
-  AgentsFactory empty;
-  empty.getAllAgents();
+  // Once the catalogue is gone only what was cached is left, and no
+  // warning: a missing catalogue is no broken agent.
+  boost::filesystem::rename(catalogue, catalogue + ".gone");
+  size_t lines = log.lines().size();
+  EXPECT_EQ("right.pl", later.getAgent("bad")->getEntryPoint());
+  EXPECT_EQ("second.pl", later.getAgent("sample")->getEntryPoint());
+  EXPECT_THROW(later.getAgent("nothing"), Exc<&AgentNotFound>);
+  AgentsFactory().getAllAgents();
+  EXPECT_EQ(lines + 2, log.lines().size());
   EXPECT_EQ("Parsing available agents info", log.lines().back());
+  dyrConfResetForTesting(nullptr);
 }
 
 }  // namespace
