@@ -26,16 +26,14 @@ std::string messageOf(const std::function<void()>& body) {
   } catch (const Exc<Tag>& e) {
     return e.what();
   } catch (const ExTraceable& e) {
-    ADD_FAILURE() << "expected " << ExcTraits<Tag>::code() << ", got "
-                  << e.code() << ": " << e.what();
+    ADD_FAILURE() << "got " << e.code() << ": " << e.what();
   }
   return std::string();
 }
 
 // Collects the host log lines written while it lives (installing a sink
 // replays earlier lines: those are dropped).
-class HostLogCapture {
- public:
+struct HostLogCapture {
   HostLogCapture() {
     setHostLogSink([this](HostLogLevel, const std::string& line) {
       lines_.push_back(line);
@@ -46,16 +44,13 @@ class HostLogCapture {
   std::vector<std::string> lines_;
 };
 
-// Points the process-wide configuration at a scratch file (absent until
-// written) while it lives.
-class ScratchConf {
- public:
+// Points the configuration at a scratch file (absent until written) while
+// it lives.
+struct ScratchConf {
   ScratchConf() { dyrConfResetForTesting(path().c_str()); }
   ~ScratchConf() { dyrConfResetForTesting(nullptr); }
   void write(const std::string& text) { ferrow_test::writeFile(path(), text); }
   std::string path() const { return dir_.path() + "/dyr.conf"; }
-
- private:
   ferrow_test::TempDir dir_;
 };
 
@@ -63,10 +58,10 @@ class ScratchConf {
 inline std::string describe(const std::string& path) {
   struct stat st;
   if (stat(path.c_str(), &st) != 0) return "missing";
-  char text[64];
-  snprintf(text, sizeof text, "%c %u:%u %04o", S_ISDIR(st.st_mode) ? 'd' : 'f',
-           unsigned(st.st_uid), unsigned(st.st_gid), unsigned(st.st_mode & 07777));
-  return text;
+  return std::string(S_ISDIR(st.st_mode) ? "d " : "f ") +
+         std::to_string(st.st_uid) + ":" + std::to_string(st.st_gid) + " 0" +
+         std::to_string((st.st_mode >> 6 & 7) * 100 + (st.st_mode >> 3 & 7) * 10 +
+                        (st.st_mode & 7));
 }
 
 }  // namespace testing_util
