@@ -60,8 +60,8 @@ inline std::string describe(const std::string& path) {
   if (stat(path.c_str(), &st) != 0) return "missing";
   return std::string(S_ISDIR(st.st_mode) ? "d " : "f ") +
          std::to_string(st.st_uid) + ":" + std::to_string(st.st_gid) + " 0" +
-         std::to_string((st.st_mode >> 6 & 7) * 100 + (st.st_mode >> 3 & 7) * 10 +
-                        (st.st_mode & 7));
+         std::to_string((st.st_mode >> 6 & 7) * 100 +
+                        (st.st_mode >> 3 & 7) * 10 + (st.st_mode & 7));
 }
 
 }  // namespace testing_util
