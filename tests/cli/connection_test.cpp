@@ -230,9 +230,9 @@ TEST_F(ConnectionTest, RefusedSudoExitsWith2AndLeavesTheDirectory) {
 TEST_F(ConnectionTest, KeyboardInteractiveLoginRemovesItsOwnDirectory) {
   const passwd* kbd = getpwnam(kbdAccount().name.c_str());
   ASSERT_NE(nullptr, kbd);
-  chmod(scratch_.path().c_str(), 0755);
   std::string agent = scratch_.path() + "/agent";
   makeTree(agent, kbd->pw_uid, kbd->pw_gid, 0700);
+  ASSERT_EQ(0, chown(scratch_.path().c_str(), kbd->pw_uid, kbd->pw_gid));
   expectSuccess(run(Removal{kbdAccount(), agent}));
   EXPECT_FALSE(fileExists(agent));
   // The server offers this account nothing else.

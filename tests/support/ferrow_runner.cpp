@@ -151,11 +151,6 @@ const char kTimeoutNetworkSetup[] =
     "sysctl -qw net.ipv4.tcp_syn_retries=1\n"
     "ip route add 198.18.0.0/24 dev lo";
 const char kTimeoutAddress[] = "198.18.0.1";
-const char kFailingNetworkSetup[] =
-    "ip route add unreachable 192.0.2.0/24\n"
-    "ip route add prohibit 198.51.100.0/24\n"
-    "sysctl -qw net.ipv4.tcp_syn_retries=1\n"
-    "ip route add 198.18.0.0/24 dev lo";
 
 RunResult runInNamespace(const std::string& script, const RunOptions& options,
                          const std::string& input) {
@@ -164,6 +159,7 @@ RunResult runInNamespace(const std::string& script, const RunOptions& options,
                        {"env", "-i", kCleanPath, "sh", "-c", script}, input);
 }
 
+namespace {
 std::string defaultLogProperties() {
   return "log4cpp.rootCategory=DEBUG, A1, A2\n"
          "log4cpp.appender.A1=FileAppender\n"
@@ -174,6 +170,7 @@ std::string defaultLogProperties() {
          "log4cpp.appender.A2.layout=PatternLayout\n"
          "log4cpp.appender.A2.layout.ConversionPattern=%p %c: %m%n\n";
 }
+}  // namespace
 
 FerrowInstallation::FerrowInstallation() {
   boost::filesystem::create_directories(etcDyr());

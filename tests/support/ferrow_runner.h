@@ -69,7 +69,6 @@ extern const char kNetworkUnreachableAddress[];  // "203.0.113.1"
 // connect() fails with ETIMEDOUT after about 3 s.
 extern const char kTimeoutNetworkSetup[];
 extern const char kTimeoutAddress[];  // "198.18.0.1"
-extern const char kFailingNetworkSetup[];  // all of the above at once
 
 // Runs script with /bin/sh in a private mount namespace set up by options,
 // with an environment holding only PATH. Throws std::invalid_argument for a
@@ -115,8 +114,6 @@ class FerrowInstallation {
   TempDir dir_;
   std::vector<std::string> wrapper_;
 };
-
-std::string defaultLogProperties();
 
 }  // namespace ferrow_test
 

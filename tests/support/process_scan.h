@@ -1,15 +1,12 @@
-// Looking at the processes of this machine through /proc: who runs, with
-// which arguments and environment.
+// The processes of this machine seen through /proc: who runs, with which
+// arguments and environment.
 #ifndef FERROW_TESTS_SUPPORT_PROCESS_SCAN_H_
 #define FERROW_TESTS_SUPPORT_PROCESS_SCAN_H_
 
 #include <dirent.h>
-#include <limits.h>
 #include <stdlib.h>
 #include <sys/types.h>
-#include <unistd.h>
 
-#include <cctype>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -22,42 +19,32 @@ namespace ferrow_test {
 inline std::vector<pid_t> allPids() {
   std::vector<pid_t> pids;
   std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), closedir);
-  if (!proc) return pids;
-  while (dirent* entry = readdir(proc.get())) {
-    if (std::isdigit(static_cast<unsigned char>(entry->d_name[0]))) {
-      pids.push_back(static_cast<pid_t>(atoi(entry->d_name)));
-    }
-  }
+  while (dirent* entry = proc ? readdir(proc.get()) : nullptr)
+    if (atoi(entry->d_name) > 0) pids.push_back(atoi(entry->d_name));
   return pids;
 }
 
-// The raw bytes of /proc/<pid>/<name> ("cmdline", "environ"); empty when
-// the process is gone or the file unreadable.
+// The raw bytes of /proc/<pid>/<name> ("cmdline", "environ", "comm");
+// empty when the process is gone or the file unreadable.
 inline std::string procFile(pid_t pid, const std::string& name) {
-  std::ifstream in("/proc/" + std::to_string(pid) + "/" + name,
-                   std::ios::binary);
+  std::ifstream in("/proc/" + std::to_string(pid) + "/" + name);
   std::ostringstream bytes;
   bytes << in.rdbuf();
   return bytes.str();
 }
 
-// The program a process runs; empty when unknown.
-inline std::string procExe(pid_t pid) {
-  char target[PATH_MAX];
-  std::string link = "/proc/" + std::to_string(pid) + "/exe";
-  ssize_t size = readlink(link.c_str(), target, sizeof(target) - 1);
-  return size > 0 ? std::string(target, size) : std::string();
+// Whether the process runs the built ferrow (its argument 0).
+inline bool isFerrow(pid_t pid) {
+  return procFile(pid, "cmdline").rfind(FERROW_BINARY + std::string(1, '\0'),
+                                        0) == 0;
 }
 
-// The running ferrow whose arguments hold marker (e.g. its session path);
-// 0 when there is none.
+// The running ferrow whose arguments hold marker; 0 when there is none.
 inline pid_t findFerrow(const std::string& marker) {
-  for (pid_t pid : allPids()) {
-    if (procExe(pid) == FERROW_BINARY &&
-        procFile(pid, "cmdline").find(marker) != std::string::npos) {
+  for (pid_t pid : allPids())
+    if (isFerrow(pid) &&
+        procFile(pid, "cmdline").find(marker) != std::string::npos)
       return pid;
-    }
-  }
   return 0;
 }
 

@@ -239,16 +239,6 @@ void SshdServer::killConnections() const {
   for (pid_t monitor : connectionPids()) killConnection(monitor);
 }
 
-std::vector<pid_t> SshdServer::waitForConnections(size_t count,
-                                                  int timeoutMs) const {
-  std::vector<pid_t> pids = connectionPids();
-  for (int waited = 0; pids.size() < count && waited < timeoutMs; waited += 20) {
-    pause(20);
-    pids = connectionPids();
-  }
-  return pids;
-}
-
 void SshdServer::stop() {
   if (pid_ == 0 || getpid() != owner_) return;
   // Open sessions would outlive the listener; they belong to this test.

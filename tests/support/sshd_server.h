@@ -65,10 +65,6 @@ class SshdServer {
   // would let sshd report its end before the connection goes.
   static void killConnection(pid_t monitor);
   void killConnections() const;  // every open connection
-  // Polls for up to timeoutMs until count connections are open; returns
-  // their pids (fewer on timeout).
-  std::vector<pid_t> waitForConnections(size_t count,
-                                        int timeoutMs = 10000) const;
 
  private:
   bool tryStart(unsigned short port);
