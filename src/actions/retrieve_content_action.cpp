@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <fstream>
 #include <log4cpp/Category.hh>
@@ -113,6 +115,15 @@ class BoundedText : public std::streambuf {
   bool overflowed_ = false;
 };
 
+// The received sum is in lower case; agents may list theirs in capitals.
+bool sameSum(const std::string& listed, const std::string& received) {
+  return listed.size() == received.size() &&
+         std::equal(listed.begin(), listed.end(), received.begin(),
+                    [](char a, char b) {
+                      return std::tolower(static_cast<unsigned char>(a)) == b;
+                    });
+}
+
 // A copy that failed its checks must not pass for an archive later.
 void discardLocalCopy(const std::string& path) {
   if (unlink(path.c_str()) == 0) {
@@ -152,6 +163,11 @@ void FileRetrievalProgressUpdater::update(std::size_t bytes) {
   (*this)(static_cast<long>(bytes));
 }
 
+void FileRetrievalProgressUpdater::startFile(std::optional<uint64_t> size) {
+  currentFileSized_ = size.has_value();
+  currentFileSizeLeft_ = static_cast<int64_t>(size.value_or(0));
+}
+
 void FileRetrievalProgressUpdater::operator()(long n) {
   sizeLeft_ -= n;
   currentFileSizeLeft_ -= n;
@@ -162,15 +178,34 @@ void FileRetrievalProgressUpdater::operator()(long n) {
                : transferred_ / static_cast<int64_t>(now - startTime_);
   status_.setTransferSpeed(std::to_string(speed_));
   status_.setTransferSizeLeft(std::to_string(sizeLeft_));
-  status_.setTransferCurrentFileSizeLeft(std::to_string(currentFileSizeLeft_));
+  if (currentFileSized_) {
+    status_.setTransferCurrentFileSizeLeft(
+        std::to_string(currentFileSizeLeft_));
+  }
   int64_t nowMs = saveClock_();
-  if (!saved_ || currentFileSizeLeft_ <= 0 ||
+  if (!saved_ || (currentFileSized_ && currentFileSizeLeft_ <= 0) ||
       nowMs - lastSaveMs_ >= kSaveIntervalMs) {
-    status_.saveFile();
-    saved_ = true;
-    lastSaveMs_ = nowMs;
+    save(nowMs);
+  } else {
+    heldBack_ = true;
   }
   report();
+}
+
+int FileRetrievalProgressUpdater::idle() {
+  if (!heldBack_) return -1;
+  int64_t nowMs = saveClock_();
+  int64_t left = kSaveIntervalMs - (nowMs - lastSaveMs_);
+  if (left > 0) return static_cast<int>(left);
+  save(nowMs);
+  return -1;
+}
+
+void FileRetrievalProgressUpdater::save(int64_t nowMs) {
+  status_.saveFile();
+  saved_ = true;
+  heldBack_ = false;
+  lastSaveMs_ = nowMs;
 }
 
 int FileRetrievalProgressUpdater::fileDone() {
@@ -262,8 +297,9 @@ void RetrieveContentAction::transfer(const std::vector<DumpFile>& files,
   FileRetrievalProgressUpdater updater(*status_, total,
                                        static_cast<int>(files.size()));
   for (const DumpFile& f : files) {
-    updater.startFile(static_cast<int64_t>(f.size));
-    status_->setCurrentFile(f.name, std::to_string(f.size));
+    updater.startFile(f.size);
+    status_->setCurrentFile(f.name,
+                            f.size ? std::to_string(*f.size) : std::string());
     status_->saveFile();
     make_content_dir(parentOf(destination + "/" + f.name), owner, 0755);
     if (checkMD5(f)) {
@@ -285,9 +321,11 @@ void RetrieveContentAction::fetchFile(const DumpFile& f,
   CappedOutput err;
   Ssh::Receipt receipt;
   try {
-    // Nothing beyond the listed size is wanted: an archive that does not
-    // end is cut off there rather than filling the disk.
-    receipt = getSsh()->receive(remote, err, local, updater, f.size);
+    // Nothing beyond a listed size is wanted: an archive that does not end
+    // is cut off there rather than filling the disk. Without one the list
+    // promises no size, so the whole archive is taken.
+    receipt = getSsh()->receive(remote, err, local, updater,
+                                f.size.value_or(UINT64_MAX));
   } catch (...) {
     discardLocalCopy(local);
     throw;
@@ -302,18 +340,18 @@ void RetrieveContentAction::fetchFile(const DumpFile& f,
 }
 
 // Empty when the local copy is complete: written and closed without error,
-// as long as listed and, where a sum is listed, with that sum. Otherwise
-// what is wrong with it, for the error message.
+// as long as listed and with the listed sum, where the list gives them.
+// Otherwise what is wrong with it, for the error message.
 std::string RetrieveContentAction::verify(const DumpFile& f,
                                           const Ssh::Receipt& receipt,
                                           const std::string& catError) {
   if (!receipt.writeError.empty()) return receipt.writeError;
   if (receipt.status != 0) return catError;
-  if (receipt.bytes != f.size) {
+  if (f.size && receipt.bytes != *f.size) {
     return "received " + std::to_string(receipt.bytes) + " bytes, but " +
-           std::to_string(f.size) + " are listed";
+           std::to_string(*f.size) + " are listed";
   }
-  if (!f.md5sum.empty() && receipt.md5sum != f.md5sum) {
+  if (!f.md5sum.empty() && !sameSum(f.md5sum, receipt.md5sum)) {
     recordWrongMd5Sum(f, receipt.md5sum);
     return "received data has MD5 sum " + receipt.md5sum + ", but " + f.md5sum +
            " is listed";

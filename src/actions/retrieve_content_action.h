@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <ctime>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,8 +21,10 @@ namespace tovel {
 
 // Writes the transfer figures into the status document after every chunk
 // received; "migration.status" is rewritten at most every kSaveIntervalMs
-// and whenever a file's last chunk arrives. The same figures go to the
-// progress watcher, if any.
+// and whenever the last chunk of a file of listed size arrives. Figures
+// held back are saved once kSaveIntervalMs has passed even when no more
+// data comes (idle), so the document never lags a stalled source for
+// longer. The same figures go to the progress watcher, if any.
 class FileRetrievalProgressUpdater : public Ssh::Counter {
  public:
   typedef std::time_t (*Clock)();
@@ -46,9 +49,14 @@ class FileRetrievalProgressUpdater : public Ssh::Counter {
   // the document's save errors.
   void operator()(long n);
   void update(std::size_t bytes) override;
+  // Saves the figures that the interval held back once it has passed;
+  // returns the milliseconds left until then, or -1 when nothing waits.
+  // Throws the document's save errors.
+  int idle() override;
 
-  // Before each file of the list: its listed size is what is left of it.
-  void startFile(int64_t size) { currentFileSizeLeft_ = size; }
+  // Before each file of the list: its listed size, if any, is what is left
+  // of it. A file of no listed size has no figures of its own.
+  void startFile(std::optional<uint64_t> size);
   // After each file, fetched or skipped; returns the files left.
   int fileDone();
 
@@ -63,16 +71,19 @@ class FileRetrievalProgressUpdater : public Ssh::Counter {
   Clock clock_;
   SaveClock saveClock_;
   bool saved_ = false;
+  bool heldBack_ = false;  // figures set but not saved
   int64_t lastSaveMs_ = 0;
   std::time_t startTime_;
   int64_t transferred_ = 0;
   int64_t sizeLeft_;
   int filesLeft_;
+  bool currentFileSized_ = false;
   int64_t currentFileSizeLeft_ = 0;
   int64_t sizeTotal_;
   int filesTotal_;
   int64_t speed_ = 0;
 
+  void save(int64_t nowMs);
   // Hands the figures to the progress watcher (transfer_progress.h).
   void report() const;
 };
@@ -88,10 +99,13 @@ class RetrieveContentAction : public Action {
   // removes it on the source host (a failed removal is only logged), then
   // writes the session's "dump-name" and "migration-result-name".
   // An archive is removed on the source host only once its local copy was
-  // written and closed without error and has the listed size and (where
-  // listed) MD5 sum; otherwise the local copy is removed, the source copy
-  // kept, a wrong sum recorded as WrongMd5Sum in the run record, and the
-  // step fails with CantRetrieveContentFile. Every error of the family is
+  // written and closed without error, "cat" succeeded, and the copy has the
+  // listed size and MD5 sum, each where listed (the sum compared without
+  // regard to case); an archive of no listed size is fetched whole, one of
+  // a listed size is cut off there. Otherwise the local copy is removed,
+  // the source copy kept, a wrong sum recorded as WrongMd5Sum in the run
+  // record, and the step fails with CantRetrieveContentFile. Every error of
+  // the family is
   // wrapped in CantRetrieveDump, except the connection failures that have
   // exit codes of their own (SshConnectionFault and those of connecting
   // and logging in), which pass as they are. Files fetched before a
@@ -99,7 +113,9 @@ class RetrieveContentAction : public Action {
   void execute() override;
 
   // True when the session directory holds a regular file of f's base name
-  // with f's MD5 sum; false for an empty listed sum or no such file. Throws
+  // with f's MD5 sum, compared exactly (a sum listed in capital letters
+  // never matches, so that archive is fetched again); false for an empty
+  // listed sum or no such file. Throws
   // StreamRead when the local file cannot be read through.
   bool checkMD5(const DumpFile& f);
 

@@ -58,7 +58,7 @@ void CommandPump::run() {
     progressed = drain(1) || progressed;
     if (inputDone_ && libssh2_channel_eof(channel_)) break;
     if (alarm_ != nullptr && !writeBlocked_) alarm_->doAlarm();
-    if (!progressed) session_.waitSocket(kWaitRoundMs);
+    if (!progressed) session_.waitSocket(waitRoundMs());
   }
   flushLog();
   libssh2_session_set_blocking(session_.get(), libssh2pp::Channel::kBlocking);
@@ -137,6 +137,14 @@ bool CommandPump::drain(int stream) {
     libssh2pp::throwConnectionLost(session_.get(), rc, "channel read");
   deliver(stream, static_cast<std::size_t>(rc));
   return true;
+}
+
+// The counter may hold figures back for a moment and must get them out
+// even when the command falls silent; a time-out, not a poll, so a stalled
+// source costs no CPU.
+int CommandPump::waitRoundMs() {
+  int asked = streams_.counter.idle();
+  return asked > 0 && asked < kWaitRoundMs ? asked : kWaitRoundMs;
 }
 
 void CommandPump::deliver(int stream, std::size_t size) {

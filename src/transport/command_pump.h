@@ -28,7 +28,8 @@ class CommandPump {
  public:
   // Largest chunk read from any stream at once.
   static constexpr std::size_t kChunkSize = 65536;
-  // Longest single wait for the socket; also how late an alarm can run.
+  // Longest single wait for the socket; also how late an alarm can run,
+  // while the counter may ask for shorter ones.
   static constexpr int kWaitRoundMs = 5000;
 
   // None owned; `alarm` is read at every round, as the caller may change it.
@@ -52,6 +53,7 @@ class CommandPump {
   bool remoteClosed();
   bool inputDropped();
   bool drain(int stream);
+  int waitRoundMs();
   void deliver(int stream, std::size_t size);
   int signalStatus();
   void log(int stream, const char* data, std::size_t size);

@@ -23,6 +23,10 @@ class Ssh {
    public:
     virtual ~Counter() = default;
     virtual void update(std::size_t bytes) = 0;
+    // Asked before each wait for the remote side, that is while nothing
+    // arrives; returns a positive number of milliseconds after which it
+    // wants to be asked again, or any other number for no such limit.
+    virtual int idle() { return -1; }
   };
   class NullCounter : public Counter {
    public:
@@ -47,9 +51,10 @@ class Ssh {
   // to `out` (each chunk told to `counter`) and its standard error to
   // `err`; input and output flow at the same time, so neither side can
   // stall the other. Unless quietOutput/quietInput, the bytes are logged at
-  // DEBUG, every registered secret masked. Between chunks, and at least
-  // every 5 s while the command is silent, the termination flag is polled
-  // (MigrationTerminatedException). Throws SshConnectionFault when the
+  // DEBUG, every registered secret masked. A wait for the remote side
+  // lasts no longer than `counter` asks (Counter::idle). Between chunks,
+  // and at least every 5 s while the command is silent, the termination
+  // flag is polled (MigrationTerminatedException). Throws SshConnectionFault when the
   // connection is lost, StreamRead/StreamWrite when a local stream fails,
   // UnableToSendEof, InvalidHandle when no channel can be opened.
   int exec(const std::string& command, std::istream& in, std::ostream& out,

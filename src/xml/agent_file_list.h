@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,9 +15,9 @@ namespace tovel {
 
 // One archive of the content list.
 struct DumpFile {
-  std::string name;    // relative to the agent's dump directory
-  uint64_t size = 0;   // bytes; 0 when the list gives none
-  std::string md5sum;  // empty when the list gives none
+  std::string name;              // relative to the agent's dump directory
+  std::optional<uint64_t> size;  // bytes; none when the list gives none
+  std::string md5sum;            // empty when the list gives none
 };
 
 // Each getter reads the document anew and throws its reading errors:
