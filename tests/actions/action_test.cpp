@@ -254,26 +254,5 @@ TEST_F(DumpActionTest, SudoDumpGetsArgumentsInputAndPullsTheStatus) {
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), bytes);
 }
 
-TEST_F(DumpActionTest, FailingAgentGivesItsStandardErrorInsideTheDumpError) {
-  configure(ferrow_test::rootAccount(), false, "");
-  installAgent("dump-failing",
-               "echo 'out is ignored'; echo 'no space left' >&2; exit 3\n");
-  RetrieveDumpAction dump({"--dump-all"}, "");
-  dump.setConfig(&cfg_);
-  try {
-    dump.execute();
-    FAIL() << "a failing agent was taken for a dump";
-  } catch (const Exc<&CantRetrieveDump>& e) {
-    ASSERT_NE(e.inner(), nullptr);
-    EXPECT_EQ(e.inner()->code(), "CantRetrieveDumpFile");
-    EXPECT_STREQ(e.inner()->what(),
-                 "Error during dump file retrieving. \nRemote agent failed "
-                 "with the following stderr messages: no space left\n");
-  }
-  EXPECT_FALSE(fileExists(session_->getDumpFileName()));
-  EXPECT_FALSE(fileExists(cfg_.sessionPath + "/dump-name"));
-  EXPECT_EQ(alarm(0), 0u);
-}
-
 }  // namespace
 }  // namespace tovel

@@ -5,7 +5,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <pwd.h>
 #include <sys/stat.h>
 
 #include <boost/filesystem.hpp>
@@ -78,43 +77,6 @@ class SendAgentActionTest : public ::testing::Test {
   config cfg_;
   std::string status_;  // as the last deploy() left it
 };
-
-TEST_F(SendAgentActionTest, SudoDeploysSharedThenAgentAndAsksWithPerl) {
-  const ferrow_test::TestAccount& account = ferrow_test::sudoAccount();
-  ferrow_test::loginAs(&cfg_, account, true);
-  add("shared/common.txt", "shared common");
-  add("shared/same.txt", "from shared");
-  add("shared/lib/Util.pm", "1;\n");
-  add("deployed/same.txt", "from agent");
-  add("deployed/control/spec", "EntryPoint: agent.pl\n");
-  add("deployed/data/control/nested.txt", "nested");
-  // No Interpreter in the spec: perl runs it.
-  add("deployed/agent.pl",
-      "use Cwd; die \"usage\\n\" unless \"@ARGV\" eq \"--get-status\";\n"
-      "print \"<agentstatus><statusfile>s</statusfile><uid>$<</uid>\","
-      " \"<cwd>\", getcwd(), \"</cwd><perl>$^X</perl></agentstatus>\";\n");
-  EXPECT_EQ(deploy("deployed"), "");
-  EXPECT_EQ(readFile(remote("common.txt")), "shared common");
-  EXPECT_EQ(readFile(remote("same.txt")), "from agent");
-  EXPECT_TRUE(fileExists(remote("lib/Util.pm")));
-  EXPECT_FALSE(fs::exists(remote("control")));
-  EXPECT_EQ(readFile(remote("data/control/nested.txt")), "nested");
-  const uid_t login = getpwnam(account.name.c_str())->pw_uid;
-  for (const char* path : {"", "data", "data/control", "agent.pl"}) {
-    EXPECT_EQ(ownerOf(remote(path)), login) << path;
-  }
-  const std::string answer = session_->getDeploymentStatusFileName();
-  EXPECT_EQ(readFile(answer),
-            "<agentstatus><statusfile>s</statusfile><uid>0</uid><cwd>" +
-                cfg_.agentDir + "</cwd><perl>/usr/bin/perl</perl>"
-                "</agentstatus>");
-  EXPECT_EQ(ownerOf(answer), getpwnam("dyradm")->pw_uid);
-  EXPECT_THAT(status_, HasSubstr("<agent action=\"wait\"><host>127.0.0.1</host>"));
-  // A second run reuses the directories and overwrites the files.
-  add("deployed/same.txt", "changed");
-  EXPECT_EQ(deploy("deployed"), "");
-  EXPECT_EQ(readFile(remote("same.txt")), "changed");
-}
 
 TEST_F(SendAgentActionTest, FailuresNameWhatWentWrong) {
   EXPECT_EQ(deploy("unshared"),

@@ -117,13 +117,5 @@ TEST(TerminalProgressViewTest, RedrawsInPlaceAtMostFiveTimesASecond) {
   EXPECT_EQ(narrow.str(), "\r3 of 7 files left, \x1b[K\n");
 }
 
-TEST(TerminalProgressViewTest, DisabledControllerLeavesTheWatcher) {
-  TerminalProgressView earlier(std::cout, 0);
-  theTransferProgressListener = &earlier;
-  { TerminalProgressController controller(false); }
-  EXPECT_EQ(theTransferProgressListener, &earlier);
-  theTransferProgressListener = nullptr;
-}
-
 }  // namespace
 }  // namespace tovel
