@@ -1,8 +1,9 @@
-// Runs that meet faults, end to end with the real binary and the test sshd:
-// archives whose listed size or sum is wrong, a destination that fills up,
-// the server side killed in the middle of a fetch, hostile content lists,
-// a remote program that floods its output, and cancelling by signal. A
-// scripted agent prints what the test wrote.
+// "--get-content" and "--dump-all" meeting faults, end to end with the real
+// binary and the test sshd: archives listed with a wrong size or sum, or
+// listed as the description allows (no size, a sum in capitals), a
+// destination that fills up, a source that stalls and then dies mid-fetch,
+// hostile content lists, a remote program that floods its output, and
+// cancelling by signal. A scripted agent prints what the test wrote.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -10,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <boost/algorithm/string/case_conv.hpp>
 #include <boost/filesystem.hpp>
 #include <chrono>
 #include <functional>
@@ -36,6 +38,7 @@ struct Listed {
   std::string name;
   uint64_t size;
   std::string md5sum;
+  bool sized = true;
 };
 
 uint64_t sizeOf(const std::string& path) {
@@ -47,9 +50,9 @@ double secondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-// Polls every 10 ms until ready() holds; false after 30 s.
-bool waitFor(const std::function<bool()>& ready) {
-  for (int round = 0; round < 3000; ++round, usleep(10 * 1000))
+// Polls every ms until ready() holds; false after `ms` ms.
+bool waitFor(const std::function<bool()>& ready, int ms = 30000) {
+  for (int round = 0; round < ms; ++round, usleep(1000))
     if (ready()) return true;
   return false;
 }
@@ -73,26 +76,27 @@ class ContentFaultsTest : public ::testing::Test {
     signal(SIGPIPE, SIG_IGN);  // a killed fetch closes the test's FIFO
   }
 
-  // Puts an archive on the source host and lists it truthfully.
-  std::string addArchive(const std::string& name, size_t size) {
+  // Puts an archive on the source host (unless it is to be a FIFO) and
+  // lists it truthfully.
+  std::string addArchive(const std::string& name, size_t size,
+                         bool write = true) {
     std::string bytes = archiveBytes(size, static_cast<unsigned>(size));
-    writeFile(agent_.file(name), bytes);
+    if (write) writeFile(remote(name), bytes);
     listed_.push_back({name, size, tovel::countMd5Sum(bytes)});
     return bytes;
   }
   void writeList() {
     uint64_t total = 0;
-    for (const Listed& f : listed_) total += f.size;
-    std::ostringstream xml;
-    xml << "<contentlist size=\"" << total << "\" unpacked=\"" << total
-        << "\">\n";
-    for (const Listed& f : listed_)
-      xml << "  <file size=\"" << f.size << "\" md5sum=\"" << f.md5sum
-          << "\">" << f.name << "</file>\n";
-    writeList(xml.str() + "</contentlist>\n");
-  }
-  void writeList(const std::string& text) {
-    writeFile(agent_.file("contentlist.xml"), text);
+    std::string files;
+    for (const Listed& f : listed_) {
+      total += f.size;
+      files += "<file" +
+               (f.sized ? " size=\"" + std::to_string(f.size) + "\"" : "") +
+               " md5sum=\"" + f.md5sum + "\">" + f.name + "</file>\n";
+    }
+    writeFile(remote("contentlist.xml"),
+              "<contentlist size=\"" + std::to_string(total) + "\" unpacked=\"" +
+                  std::to_string(total) + "\">\n" + files + "</contentlist>\n");
   }
 
   RunResult run(std::vector<std::string> args, const RunOptions& options = {},
@@ -136,6 +140,16 @@ class ContentFaultsTest : public ::testing::Test {
     EXPECT_THAT(text, HasSubstr("code=\"CantRetrieveDump\""));
     EXPECT_THAT(text, HasSubstr("code=\"" + innerCode + "\""));
   }
+  // Each archive listed is here whole and gone from the source.
+  void expectFetched(const RunResult& r) {
+    EXPECT_EQ(0, r.exitCode) << r.err << readFile(local("transfer.result"));
+    for (const Listed& f : listed_) {
+      EXPECT_EQ(tovel::countMd5Sum(readFile(local(f.name))),
+                boost::to_lower_copy(f.md5sum))
+          << f.name;
+      EXPECT_FALSE(fileExists(remote(f.name))) << f.name;
+    }
+  }
 
   FerrowInstallation install_;
   ScriptedAgent agent_{install_, "cat contentlist.xml\n"};
@@ -145,8 +159,11 @@ class ContentFaultsTest : public ::testing::Test {
 
 // --- a source archive is removed only once its local copy is sound ----------
 
+// An archive listed without a size is fetched whole beside one whose listed
+// size is wrong.
 TEST_F(ContentFaultsTest, WrongListedSizeKeepsTheSourceArchive) {
   std::string first = addArchive("first.tgz", 100000);
+  listed_.back().sized = false;
   addArchive("second.tgz", 100000);
   listed_.back().size += 1;
   writeList();
@@ -160,8 +177,9 @@ TEST_F(ContentFaultsTest, WrongListedSizeKeepsTheSourceArchive) {
   EXPECT_FALSE(fileExists(local("second.tgz")));
 }
 
+// The rerun lists the right sum in capitals: the same sum.
 TEST_F(ContentFaultsTest, WrongListedSumIsRecordedAndFetchedAgainLater) {
-  std::string bytes = addArchive("a.tgz", 300000);
+  addArchive("a.tgz", 300000);
   const std::string actual = listed_.back().md5sum;
   const std::string wrong = "0123456789abcdef0123456789abcdef";
   listed_.back().md5sum = wrong;
@@ -178,12 +196,9 @@ TEST_F(ContentFaultsTest, WrongListedSumIsRecordedAndFetchedAgainLater) {
   EXPECT_TRUE(fileExists(remote("a.tgz")));
   EXPECT_FALSE(fileExists(local("a.tgz")));
 
-  listed_.back().md5sum = actual;
+  listed_.back().md5sum = boost::to_upper_copy(actual);
   writeList();
-  RunResult r = getContent();
-  EXPECT_EQ(r.exitCode, 0) << r.err;
-  EXPECT_TRUE(readFile(local("a.tgz")) == bytes);
-  EXPECT_FALSE(fileExists(remote("a.tgz")));
+  expectFetched(getContent());
 }
 
 TEST_F(ContentFaultsTest, FullDestinationFailsPromptlyAndKeepsTheSource) {
@@ -210,11 +225,11 @@ TEST_F(ContentFaultsTest, FullDestinationFailsPromptlyAndKeepsTheSource) {
 }
 
 // The killed archive is a FIFO: its bytes reach the remote "cat" only as
-// the test writes them, so the kill lands after exactly 1 MiB.
+// the test writes them. After 1 MiB the source stalls, and
+// "migration.status" must show the bytes received long before the kill.
 TEST_F(ContentFaultsTest, ServerKilledMidFetchEndsWith18AndRerunCompletes) {
   std::string first = addArchive("first.tgz", 3 << 20);
-  const std::string killed = archiveBytes(8 << 20, 99);
-  listed_.push_back({"killed.tgz", killed.size(), tovel::countMd5Sum(killed)});
+  const std::string killed = addArchive("killed.tgz", 8 << 20, false);
   std::string last = addArchive("last.tgz", 2 << 20);
   writeList();
   ASSERT_EQ(0, mkfifo(remote("killed.tgz").c_str(), 0644));
@@ -230,6 +245,14 @@ TEST_F(ContentFaultsTest, ServerKilledMidFetchEndsWith18AndRerunCompletes) {
       fcntl(fifo, F_SETFL, 0) == 0 &&
       write(fifo, killed.data(), 1 << 20) == (1 << 20) &&
       waitFor([&] { return sizeOf(local("killed.tgz")) >= (1 << 20); });
+  Clock::time_point stalled = Clock::now();
+  bool shown = midFetch && waitFor([&] {
+    return readFile(local("migration.status"))
+               .find("size-left=\"" + std::to_string(9 << 20) + "\"") !=
+           std::string::npos;
+  }, 1000);
+  EXPECT_TRUE(shown);
+  EXPECT_LT(secondsSince(stalled), 0.4) << "figures not saved while stalled";
   SshdServer::shared().killConnections();
   Clock::time_point killedAt = Clock::now();
   run.join();
@@ -261,14 +284,10 @@ TEST_F(ContentFaultsTest, ServerKilledMidFetchEndsWith18AndRerunCompletes) {
   unlink(remote("killed.tgz").c_str());
   writeFile(remote("killed.tgz"), killed);
   size_t logBefore = debugLog().size();
-  r = getContent();
-  EXPECT_EQ(r.exitCode, 0) << r.err;
+  expectFetched(getContent());
   EXPECT_THAT(catCommands(debugLog().substr(logBefore)),
               ElementsAre(remote("killed.tgz") + " on the remote host",
                           remote("last.tgz") + " on the remote host"));
-  EXPECT_TRUE(readFile(local("killed.tgz")) == killed);
-  EXPECT_TRUE(readFile(local("last.tgz")) == last);
-  EXPECT_FALSE(fileExists(remote("last.tgz")));
 }
 
 // --- malformed, truncated and hostile content lists -------------------------
@@ -292,17 +311,11 @@ std::string manyFiles() {
 
 const char kWrong[] = "tError_WrongContent";
 const HostileList kHostileLists[] = {
-    {"DotDot", "<file size=\"9\">../outside.tgz</file>", "10", kWrong,
-     "The content list names the file '../outside.tgz': a name must be "
-     "relative and must not contain '..'."},
-    {"Absolute", "<file size=\"9\">/etc/hostname</file>", "10", kWrong,
-     "names the file '/etc/hostname'"},
-    {"NonNumericSize", "<file size=\"ten\">b.tgz</file>", "10", kWrong,
-     "Attribute 'size' of element 'file' is not a valid number: 'ten'."},
-    {"HugeTotal", "", "99999999999999999999", kWrong,
-     "Attribute 'size' of element 'contentlist' is not a valid number"},
-    {"HugeCountThenDotDot", manyFiles() + "<file size=\"9\">../o.tgz</file>",
-     "10", kWrong, "names the file '../o.tgz'"},
+    {"DotDot", "<file size=\"9\">../outside.tgz</file>", "10", kWrong, "The content list names the file '../outside.tgz': a name must be relative and must not contain '..'."},
+    {"Absolute", "<file size=\"9\">/etc/hostname</file>", "10", kWrong, "names the file '/etc/hostname'"},
+    {"NonNumericSize", "<file size=\"ten\">b.tgz</file>", "10", kWrong, "Attribute 'size' of element 'file' is not a valid number: 'ten'."},
+    {"HugeTotal", "", "99999999999999999999", kWrong, "Attribute 'size' of element 'contentlist' is not a valid number"},
+    {"HugeCountThenDotDot", manyFiles() + "<file size=\"9\">../o.tgz</file>", "10", kWrong, "names the file '../o.tgz'"},
     {"Truncated", "", "", "tError_ParseFile", "was not parsed successfully"},
     {"Empty", "", "", "AssertionFailed", "Assertion failed"},
 };
@@ -318,7 +331,7 @@ TEST_P(HostileListTest, ClearErrorNothingFetchedNothingWrittenOutside) {
                      list.files + "</contentlist>";
   if (list.total.empty())
     text = list.innerCode[0] == 'A' ? "" : text.substr(0, 60);
-  writeList(text);
+  writeFile(remote("contentlist.xml"), text);
   Clock::time_point start = Clock::now();
   RunResult r = getContent();
   EXPECT_LT(secondsSince(start), 60);
@@ -357,9 +370,9 @@ TEST_F(ContentFaultsTest,
   EXPECT_EQ(2, r.exitCode) << r.err;
   EXPECT_EQ("Error during dump retrieval", r.err);
   std::string record = readFile(local("migration.result"));
-  EXPECT_THAT(record, HasSubstr("FIRST-ERROR-LINE"));
-  EXPECT_THAT(record, HasSubstr("LAST-ERROR-LINE"));
-  EXPECT_THAT(record, HasSubstr(" bytes left out ...]"));
+  for (const char* part :
+       {"FIRST-ERROR-LINE", "LAST-ERROR-LINE", " bytes left out ...]"})
+    EXPECT_THAT(record, HasSubstr(part));
   EXPECT_LT(record.size(), 512u * 1024);
   // time(1) puts "Command exited with non-zero status 2" first.
   std::string times = readFile(peak);
@@ -400,9 +413,10 @@ class TerminationTest : public ContentFaultsTest,
 
 TEST_P(TerminationTest, SignalStopsAFetchBetweenChunks) {
   const uint64_t size = 4ull << 30;  // sparse on the source host
-  writeList("<contentlist size=\"" + std::to_string(size) +
-            "\" unpacked=\"1\"><file size=\"" + std::to_string(size) +
-            "\">big.tar</file></contentlist>");
+  writeFile(remote("contentlist.xml"),
+            "<contentlist size=\"" + std::to_string(size) +
+                "\" unpacked=\"1\"><file size=\"" + std::to_string(size) +
+                "\">big.tar</file></contentlist>");
   writeFile(remote("big.tar"), "");
   ASSERT_EQ(0, truncate(remote("big.tar").c_str(), size));
   runAndSignal({"--get-content", "--no-check-space"},

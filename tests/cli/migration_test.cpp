@@ -9,11 +9,11 @@
 
 #include <atomic>
 #include <boost/filesystem.hpp>
+#include <future>
 #include <map>
 #include <set>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "support/process_scan.h"
@@ -29,67 +29,38 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
 
-// Reads the arguments and environment of every process every 20 ms (for at
-// most ten minutes) and remembers each that holds the secret anywhere but
-// in the variables through which passwords come in (test programs running
-// at once log in with the same accounts).
-class ProcessWatch {
- public:
-  explicit ProcessWatch(const std::string& secret)
-      : secret_(secret), thread_([this] { watch(); }) {}
-  ~ProcessWatch() { stop(); }
-  // Stops watching; what was found, as "pid name file" lines.
-  std::set<std::string> stop() {
-    done_ = true;
-    if (thread_.joinable()) thread_.join();
-    return found_;
-  }
-  int rounds() const { return rounds_; }
-
- private:
-  void watch() {
-    for (; !done_ && rounds_ < 30000; ++rounds_) {
-      for (pid_t pid : allPids()) {
-        if (pid == getpid()) continue;
-        for (const char* file : {"cmdline", "environ"}) {
-          std::istringstream entries(procFile(pid, file));
-          for (std::string entry; std::getline(entries, entry, '\0');) {
-            if (entry.find(secret_) != std::string::npos &&
-                entry != "DYR_PASSWORD=" + secret_ &&
-                entry != "DYR_SUDO_PASSWORD=" + secret_)
-              found_.insert(std::to_string(pid) + " " +
-                            procFile(pid, "comm") + " " + file);
-          }
-        }
+// Reads the arguments and environment of every process every 20 ms until
+// done (at most ten minutes); returns "pid name file" for each that holds
+// the secret anywhere but in the variables through which passwords come in
+// (test programs running at once log in with the same accounts).
+std::set<std::string> watchProcesses(std::string secret,
+                                     const std::atomic<bool>* done,
+                                     std::atomic<int>* rounds) {
+  std::set<std::string> found;
+  for (; !*done && *rounds < 30000; ++*rounds, usleep(20 * 1000))
+    for (pid_t pid : allPids())
+      for (const char* file : {"cmdline", "environ"}) {
+        std::istringstream entries(procFile(pid, file));
+        for (std::string entry; std::getline(entries, entry, '\0');)
+          if (entry.find(secret) != std::string::npos &&
+              entry != "DYR_PASSWORD=" + secret &&
+              entry != "DYR_SUDO_PASSWORD=" + secret && pid != getpid())
+            found.insert(std::to_string(pid) + " " + procFile(pid, "comm") +
+                         " " + file);
       }
-      usleep(20 * 1000);
-    }
-  }
-
-  const std::string secret_;
-  std::atomic<bool> done_{false};
-  std::atomic<int> rounds_{0};
-  std::set<std::string> found_;
-  std::thread thread_;
-};
+  return found;
+}
 
 // Modification times of the archives in a session directory.
 std::map<std::string, time_t> archives(const std::string& session) {
   std::map<std::string, time_t> found;
-  for (fs::directory_iterator it(session), end; it != end; ++it) {
-    std::string name = it->path().filename().string();
-    if (name.find(".tar") != std::string::npos)
-      found[name] = fs::last_write_time(it->path());
-  }
+  for (fs::directory_iterator it(session), end; it != end; ++it)
+    if (it->path().filename().string().find(".tar") != std::string::npos)
+      found[it->path().filename().string()] = fs::last_write_time(it->path());
   return found;
 }
 
 enum Way { kAsRoot, kThroughSudo, kUnderValgrind };
-
-std::string wayName(const ::testing::TestParamInfo<Way>& info) {
-  return info.param == kAsRoot ? "AsRoot"
-         : info.param == kThroughSudo ? "ThroughSudo" : "UnderValgrind";
-}
 
 class MigrationTest : public ::testing::TestWithParam<Way> {
  protected:
@@ -106,8 +77,8 @@ class MigrationTest : public ::testing::TestWithParam<Way> {
       if (access("/usr/bin/valgrind", X_OK) != 0)
         GTEST_SKIP() << "valgrind is not installed: memcheck did not run";
     }
-    login_ = GetParam() == kAsRoot ? sourceLogin(rootAccount(), false)
-                                   : sourceLogin(sudoAccount(), true);
+    login_ = sourceLogin(GetParam() == kAsRoot ? rootAccount() : sudoAccount(),
+                         GetParam() != kAsRoot);
   }
 
   // Runs one step; every step of a healthy migration exits 0 silently.
@@ -115,11 +86,10 @@ class MigrationTest : public ::testing::TestWithParam<Way> {
   RunResult step(std::vector<std::string> args, const std::string& input = "",
                  const RunOptions& options = {}) {
     const std::string report = logs_.path() + "/" + args[0].substr(2);
-    if (GetParam() == kUnderValgrind) {
+    if (GetParam() == kUnderValgrind)
       install_.setWrapper({"/usr/bin/valgrind", "--leak-check=full",
                            "--errors-for-leak-kinds=definite",
                            "--error-exitcode=97", "--log-file=" + report});
-    }
     args.insert(args.end(), {"--session-path", session()});
     if (args[0] != "--send-scout")
       args.insert(args.end(), {"--agent-dir", agentDir(), "--agent-name",
@@ -128,11 +98,11 @@ class MigrationTest : public ::testing::TestWithParam<Way> {
         install_.run(options, withLogin(login_, args), login_.env, input);
     EXPECT_EQ(r.exitCode, 0) << args[0] << ": " << r.err;
     EXPECT_EQ(r.err, "") << args[0];
-    EXPECT_THAT(r.out + r.err, Not(HasSubstr(login_.env["DYR_PASSWORD"])));
-    if (GetParam() == kUnderValgrind) {
-      std::string text = fileExists(report) ? readFile(report) : "";
-      EXPECT_THAT(text, HasSubstr("ERROR SUMMARY: 0 errors")) << args[0];
-    }
+    EXPECT_THAT(r.out, Not(HasSubstr(login_.env["DYR_PASSWORD"])));
+    if (GetParam() == kUnderValgrind)
+      EXPECT_THAT(fileExists(report) ? readFile(report) : "",
+                  HasSubstr("ERROR SUMMARY: 0 errors"))
+          << args[0];
     return r;
   }
 
@@ -150,8 +120,10 @@ class MigrationTest : public ::testing::TestWithParam<Way> {
 
 TEST_P(MigrationTest, WholeSequence) {
   const std::string password = login_.env["DYR_PASSWORD"];
-  std::unique_ptr<ProcessWatch> watch;
-  if (GetParam() != kUnderValgrind) watch.reset(new ProcessWatch(password));
+  std::atomic<bool> done{GetParam() == kUnderValgrind};
+  std::atomic<int> rounds{0};
+  auto leaks = std::async(std::launch::async, watchProcesses, password, &done,
+                          &rounds);
 
   step({"--send-scout"});
   EXPECT_THAT(file("scout-result.xml"), HasSubstr("<scout-result"));
@@ -201,15 +173,15 @@ TEST_P(MigrationTest, WholeSequence) {
   EXPECT_FALSE(fileExists(agentDir()));
   step({"--remove-agent"});
 
-  if (!watch) return;
-  EXPECT_GT(watch->rounds(), 10);
-  EXPECT_THAT(watch->stop(), IsEmpty());
-  for (fs::directory_iterator it(session()), end; it != end; ++it) {
-    if (fs::is_regular_file(it->path())) {
+  done = true;
+  std::set<std::string> found = leaks.get();
+  if (GetParam() == kUnderValgrind) return;
+  EXPECT_GT(rounds, 10);
+  EXPECT_THAT(found, IsEmpty());
+  for (fs::directory_iterator it(session()), end; it != end; ++it)
+    if (fs::is_regular_file(it->path()))
       EXPECT_THAT(readFile(it->path().string()), Not(HasSubstr(password)))
           << it->path();
-    }
-  }
   if (GetParam() == kThroughSudo) {
     // The exchanges that carry a password are logged masked: the sudo
     // check, and the dump's input (sudo line, then the rsync lines).
@@ -223,7 +195,11 @@ TEST_P(MigrationTest, WholeSequence) {
 INSTANTIATE_TEST_SUITE_P(Ways, MigrationTest,
                          ::testing::Values(kAsRoot, kThroughSudo,
                                            kUnderValgrind),
-                         wayName);
+                         [](const ::testing::TestParamInfo<Way>& info) {
+                           const char* names[] = {"AsRoot", "ThroughSudo",
+                                                  "UnderValgrind"};
+                           return std::string(names[info.param]);
+                         });
 
 TEST(ScoutTest, ResultHoldsExactlyWhatTheScoutPrintedAndFailuresAreTold) {
   ensurePanelAccount();

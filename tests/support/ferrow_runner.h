@@ -38,16 +38,22 @@ bool fileExists(const std::string& name);
 // The XML text without the white space that indentation puts between tags.
 std::string compactXml(const std::string& text);
 
+// Runs argv (argv[0] looked up in PATH) with input on its standard input,
+// in the test's environment plus env.
+RunResult runCommand(const std::vector<std::string>& argv,
+                     const std::string& input = "",
+                     const std::map<std::string, std::string>& env = {});
+
 // Creates the panel's account "dyradm" when the machine lacks it.
 void ensurePanelAccount();
 
 // How a program is confined besides its private mount namespace.
 struct RunOptions {
-  // Bind mounts, in order: source onto target. A missing target under
-  // /etc/ is made in a private overlay of /etc; any other must exist.
+  // Bind mounts, in order: source onto target. A missing target is made;
+  // under /etc/ it lives in a private overlay of /etc.
   std::vector<std::pair<std::string, std::string>> binds;
-  // A network namespace of its own holding only lo (brought up), where
-  // networkSetup (see the constants below) runs: no packet can leave it.
+  // A network namespace of its own holding only lo (brought up), where the
+  // shell commands networkSetup run: no packet can leave it.
   bool isolateNetwork = false;
   std::string networkSetup;
   // Shell commands run after the binds; what they mount is seen inside only.
@@ -57,22 +63,8 @@ struct RunOptions {
   bool terminal = false;
 };
 
-// Network set-ups for an isolated namespace, each with the address whose
-// connect() fails in the named way.
-extern const char kNoRouteToHostSetup[];       // EHOSTUNREACH
-extern const char kNoRouteToHostAddress[];     // "192.0.2.1"
-extern const char kPermissionDeniedSetup[];    // EACCES
-extern const char kPermissionDeniedAddress[];  // "198.51.100.1"
-// Without any route connect() fails with ENETUNREACH: no set-up needed.
-extern const char kNetworkUnreachableAddress[];  // "203.0.113.1"
-// Routed onto lo, where the SYN is dropped as a martian; with one SYN retry
-// connect() fails with ETIMEDOUT after about 3 s.
-extern const char kTimeoutNetworkSetup[];
-extern const char kTimeoutAddress[];  // "198.18.0.1"
-
 // Runs script with /bin/sh in a private mount namespace set up by options,
-// with an environment holding only PATH. Throws std::invalid_argument for a
-// missing bind target outside /etc/.
+// with an environment holding only PATH.
 RunResult runInNamespace(const std::string& script,
                          const RunOptions& options = {},
                          const std::string& input = "");
@@ -96,7 +88,8 @@ class FerrowInstallation {
 
   // Runs ferrow with args in a clean environment holding PATH and env
   // (passed through a file, never as arguments), with input on its
-  // standard input; /etc/dyr is bound before options.binds.
+  // standard input; /etc/dyr is bound before options.binds. A sanitizer
+  // report on its standard error fails the test.
   RunResult run(const std::vector<std::string>& args,
                 const std::map<std::string, std::string>& env = {},
                 const std::string& input = "") const;

@@ -1,5 +1,4 @@
-// The processes of this machine seen through /proc: who runs, with which
-// arguments and environment.
+// The processes of this machine seen through /proc.
 #ifndef FERROW_TESTS_SUPPORT_PROCESS_SCAN_H_
 #define FERROW_TESTS_SUPPORT_PROCESS_SCAN_H_
 
@@ -24,7 +23,7 @@ inline std::vector<pid_t> allPids() {
   return pids;
 }
 
-// The raw bytes of /proc/<pid>/<name> ("cmdline", "environ", "comm");
+// The bytes of /proc/<pid>/<name> ("cmdline", "environ", "comm", ...);
 // empty when the process is gone or the file unreadable.
 inline std::string procFile(pid_t pid, const std::string& name) {
   std::ifstream in("/proc/" + std::to_string(pid) + "/" + name);
@@ -33,18 +32,22 @@ inline std::string procFile(pid_t pid, const std::string& name) {
   return bytes.str();
 }
 
-// Whether the process runs the built ferrow (its argument 0).
-inline bool isFerrow(pid_t pid) {
-  return procFile(pid, "cmdline").rfind(FERROW_BINARY + std::string(1, '\0'),
-                                        0) == 0;
+inline std::vector<pid_t> childrenOf(pid_t pid) {
+  std::istringstream in(procFile(pid, "task/" + std::to_string(pid) +
+                                          "/children"));
+  std::vector<pid_t> children;
+  for (pid_t child; in >> child;) children.push_back(child);
+  return children;
 }
 
-// The running ferrow whose arguments hold marker; 0 when there is none.
+// The running built ferrow whose arguments hold marker; 0 when none does.
 inline pid_t findFerrow(const std::string& marker) {
-  for (pid_t pid : allPids())
-    if (isFerrow(pid) &&
-        procFile(pid, "cmdline").find(marker) != std::string::npos)
+  for (pid_t pid : allPids()) {
+    std::string cmdline = procFile(pid, "cmdline");
+    if (cmdline.rfind(FERROW_BINARY + std::string(1, '\0'), 0) == 0 &&
+        cmdline.find(marker) != std::string::npos)
       return pid;
+  }
   return 0;
 }
 

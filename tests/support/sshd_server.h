@@ -8,7 +8,6 @@
 
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "support/ferrow_runner.h"
 
@@ -21,33 +20,23 @@ struct TestAccount {
   std::string password;
 };
 
-// "ferrowroot": a second name for uid 0 and gid 0.
-const TestAccount& rootAccount();
-// "ferrowsudo": member of group "sudo", so sudo asks for its password.
-const TestAccount& sudoAccount();
-// "ferrowplain": no sudo rights.
-const TestAccount& plainAccount();
-// "ferrowkbd": the server offers it keyboard-interactive only.
-const TestAccount& kbdAccount();
-// "ferrowkey": the server offers it publickey only (no key is installed).
-const TestAccount& pubkeyAccount();
-
+const TestAccount& rootAccount();    // a second name for uid 0 and gid 0
+const TestAccount& sudoAccount();    // in group "sudo": sudo asks its password
+const TestAccount& plainAccount();   // no sudo rights
+const TestAccount& kbdAccount();     // offered keyboard-interactive only
+const TestAccount& pubkeyAccount();  // offered publickey only, has no key
 std::string homeOf(const TestAccount& account);
 
-// Creates the missing accounts and sets every password, once per process;
-// root's own entry is never touched. Throws std::runtime_error.
-void ensureTestAccounts();
-
-// One sshd on 127.0.0.1 on a free port, with its own directory holding the
-// configuration, a host key and the log. Logins go through PAM, whose
-// two-second delay after a wrong password is left out (a private copy of
-// the sshd PAM file, bound in the server's own mount namespace).
+// One sshd on 127.0.0.1, with its own directory holding the configuration,
+// a host key and the log. Logins go through PAM without the delay after a
+// wrong password (a private copy of the sshd PAM file, bound in the
+// server's own mount namespace).
 class SshdServer {
  public:
-  // Ensures the accounts, starts sshd and waits for its "SSH-" greeting.
-  // Throws std::runtime_error when it cannot.
+  // Ensures the accounts, starts sshd and waits until it listens. Throws
+  // std::runtime_error when it cannot.
   SshdServer();
-  ~SshdServer();  // stops the server, removes its directory
+  ~SshdServer();  // stops the server and its connections
   SshdServer(const SshdServer&) = delete;
   SshdServer& operator=(const SshdServer&) = delete;
 
@@ -55,22 +44,13 @@ class SshdServer {
   static SshdServer& shared();
 
   unsigned short port() const { return port_; }
-  // The contents of the server's log so far.
-  std::string logText() const;
-
-  // The listener's children: one monitor process per open connection.
-  std::vector<pid_t> connectionPids() const;
-  // Kills (SIGKILL) the monitor and its sshd children, parents first,
-  // leaving the command the connection runs: killing the command first
-  // would let sshd report its end before the connection goes.
-  static void killConnection(pid_t monitor);
-  void killConnections() const;  // every open connection
+  std::string logText() const;  // the server's log so far
+  // Kills (SIGKILL) every connection's sshd processes, parents first,
+  // leaving the commands they run: killing a command first would let sshd
+  // report its end before the connection goes.
+  void killConnections() const;
 
  private:
-  bool tryStart(unsigned short port);
-  void stop();
-
-  // Released, not removed, by a forked child of the starting process.
   std::unique_ptr<TempDir> dir_;
   pid_t pid_ = 0;
   pid_t owner_ = 0;
