@@ -50,7 +50,8 @@ void makeTree(const std::string& dir, uid_t uid, gid_t gid, mode_t mode) {
   for (const std::string& d : {dir, dir + "/sub"}) {
     mkdir(d.c_str(), mode);
     writeFile(d + "/file", "agent part\n");
-    ASSERT_TRUE(chmod(d.c_str(), mode) == 0 && chown(d.c_str(), uid, gid) == 0 &&
+    ASSERT_TRUE(chmod(d.c_str(), mode) == 0 &&
+                chown(d.c_str(), uid, gid) == 0 &&
                 chown((d + "/file").c_str(), uid, gid) == 0);
   }
 }
@@ -59,7 +60,9 @@ void makeTree(const std::string& dir, uid_t uid, gid_t gid, mode_t mode) {
 struct Removal {
   Removal(TestAccount account, std::string dir = "/nonexistent-ferrow-agent",
           const char* sudo = nullptr)
-      : login(std::move(account)), agentDir(std::move(dir)), sudoPassword(sudo) {}
+      : login(std::move(account)),
+        agentDir(std::move(dir)),
+        sudoPassword(sudo) {}
   TestAccount login;
   std::string agentDir;
   const char* sudoPassword;
@@ -79,11 +82,13 @@ class ConnectionTest : public ::testing::Test {
                        const FerrowInstallation& install) {
     unsigned short port =
         removal.port ? removal.port : SshdServer::shared().port();
-    std::vector<std::string> args = {
-        "--remove-agent", "--host=" + removal.host,
-        "--port=" + std::to_string(port), "--login=" + removal.login.name,
-        "--agent-dir=" + removal.agentDir, "--agent-name=x",
-        "--session-path=" + install.sessionPath()};
+    std::vector<std::string> args = {"--remove-agent",
+                                     "--host=" + removal.host,
+                                     "--port=" + std::to_string(port),
+                                     "--login=" + removal.login.name,
+                                     "--agent-dir=" + removal.agentDir,
+                                     "--agent-name=x",
+                                     "--session-path=" + install.sessionPath()};
     std::map<std::string, std::string> env = {
         {"DYR_PASSWORD", removal.login.password}};
     if (removal.sudoPassword) {
@@ -112,14 +117,15 @@ class ConnectionTest : public ::testing::Test {
                      const std::string& message, const std::string& code) {
     EXPECT_EQ(exitCode, r.exitCode) << message;
     EXPECT_EQ(message, r.err + r.out);
-    EXPECT_THAT(compactXml(sessionFile("migration.result")),
-                HasSubstr("<execution-result status=\"error\"><message code=\"" +
-                          code + "\" "));
+    EXPECT_THAT(
+        compactXml(sessionFile("migration.result")),
+        HasSubstr("<execution-result status=\"error\"><message code=\"" + code +
+                  "\" "));
     EXPECT_THAT(sessionFile("migration.result"),
                 HasSubstr("<description>" + message));
-    EXPECT_THAT(sessionFile("migration.log"),
-                HasSubstr("Ferrow finished. Exit code: " +
-                          std::to_string(exitCode)));
+    EXPECT_THAT(
+        sessionFile("migration.log"),
+        HasSubstr("Ferrow finished. Exit code: " + std::to_string(exitCode)));
   }
 
   FerrowInstallation install_;
@@ -153,10 +159,10 @@ TEST_F(ConnectionTest, EachWayOfLoggingInRemovesWhatItMayOrIsRefused) {
        {std::make_pair(plainAccount(), plainAccount().password.c_str()),
         std::make_pair(sudoAccount(), "wrong")}) {
     SCOPED_TRACE(account.name);
-    expectFailure(run({account, agent, password}), 2,
-                  "sudo is not allowed for user " + account.name +
-                      " on host 127.0.0.1.",
-                  "SudoNotAllowed");
+    expectFailure(
+        run({account, agent, password}), 2,
+        "sudo is not allowed for user " + account.name + " on host 127.0.0.1.",
+        "SudoNotAllowed");
     EXPECT_TRUE(fileExists(agent + "/sub/file"));
   }
   expectSuccess(run({sudoAccount(), agent, sudoAccount().password.c_str()}));
@@ -170,8 +176,9 @@ TEST_F(ConnectionTest, EachWayOfLoggingInRemovesWhatItMayOrIsRefused) {
   ASSERT_EQ(0, chown(parent.c_str(), kbd->pw_uid, kbd->pw_gid));
   expectSuccess(run({kbdAccount(), parent + "/kbd"}));
   EXPECT_FALSE(fileExists(parent + "/kbd"));
-  for (const char* accepted : {"Accepted password for ferrowroot ",
-                               "Accepted keyboard-interactive/pam for ferrowkbd "})
+  for (const char* accepted :
+       {"Accepted password for ferrowroot ",
+        "Accepted keyboard-interactive/pam for ferrowkbd "})
     EXPECT_THAT(SshdServer::shared().logText(), HasSubstr(accepted));
 
   for (const TestAccount& login :
@@ -200,12 +207,26 @@ TEST_F(ConnectionTest, EachWayOfBeingUnreachableHasItsExitCode) {
     std::string message;
     const char* code;
   } cases[] = {
-      {"127.0.0.1", nullptr, 11, "No one listening on the remote address at host 127.0.0.1", "ConnectionRefused"},
-      {"nosuchhost.invalid", nullptr, 16, "Unable to resolve hostname nosuchhost.invalid: Name or service not known", "HostNotFound"},
-      {"203.0.113.1", "", 13, "Specified network host 203.0.113.1 is unreachable", "NetworkUnreachable"},
-      {"192.0.2.1", "ip route add unreachable 192.0.2.0/24", 14, "No route to host 192.0.2.1", "HostUnreachable"},
-      {"198.51.100.1", "ip route add prohibit 198.51.100.0/24", 15, "Unable to connect to host 198.51.100.1: Permission denied", "ConnectionFault"},
-      {"198.18.0.1", "sysctl -qw net.ipv4.tcp_syn_retries=1; ip route add 198.18.0.0/24 dev lo", 12, "Timeout while attempting connection to host 198.18.0.1", "ConnectionTimedOut"},
+      {"127.0.0.1", nullptr, 11,
+       "No one listening on the remote address at host 127.0.0.1",
+       "ConnectionRefused"},
+      {"nosuchhost.invalid", nullptr, 16,
+       "Unable to resolve hostname nosuchhost.invalid: Name or service not "
+       "known",
+       "HostNotFound"},
+      {"203.0.113.1", "", 13,
+       "Specified network host 203.0.113.1 is unreachable",
+       "NetworkUnreachable"},
+      {"192.0.2.1", "ip route add unreachable 192.0.2.0/24", 14,
+       "No route to host 192.0.2.1", "HostUnreachable"},
+      {"198.51.100.1", "ip route add prohibit 198.51.100.0/24", 15,
+       "Unable to connect to host 198.51.100.1: Permission denied",
+       "ConnectionFault"},
+      {"198.18.0.1",
+       "sysctl -qw net.ipv4.tcp_syn_retries=1; ip route add 198.18.0.0/24 dev "
+       "lo",
+       12, "Timeout while attempting connection to host 198.18.0.1",
+       "ConnectionTimedOut"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.host);
@@ -233,7 +254,8 @@ TEST_F(ConnectionTest, EachWayOfBeingUnreachableHasItsExitCode) {
 // 200 ms, both at once.
 TEST_F(ConnectionTest, PeerThatNeverSpeaksSshEndsTheRunInBoundedTime) {
   unsigned short silentPort = 0, tricklingPort = 0;
-  int silent = boundSocket(&silentPort), trickling = boundSocket(&tricklingPort);
+  int silent = boundSocket(&silentPort),
+      trickling = boundSocket(&tricklingPort);
   listen(silent, 8);
   listen(trickling, 8);
   std::atomic<bool> stop{false};

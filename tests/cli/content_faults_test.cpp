@@ -95,8 +95,9 @@ class ContentFaultsTest : public ::testing::Test {
                " md5sum=\"" + f.md5sum + "\">" + f.name + "</file>\n";
     }
     writeFile(remote("contentlist.xml"),
-              "<contentlist size=\"" + std::to_string(total) + "\" unpacked=\"" +
-                  std::to_string(total) + "\">\n" + files + "</contentlist>\n");
+              "<contentlist size=\"" + std::to_string(total) +
+                  "\" unpacked=\"" + std::to_string(total) + "\">\n" + files +
+                  "</contentlist>\n");
   }
 
   RunResult run(std::vector<std::string> args, const RunOptions& options = {},
@@ -188,8 +189,9 @@ TEST_F(ContentFaultsTest, WrongListedSumIsRecordedAndFetchedAgainLater) {
   EXPECT_THAT(record(), HasSubstr("code=\"WrongMd5Sum\""));
   EXPECT_THAT(record(),
               HasSubstr("Problem during content retrieval: downloaded a.tgz "
-                        "has MD5 sum " + wrong + ", but it has to be " +
-                        actual + ". Restarting download."));
+                        "has MD5 sum " +
+                        wrong + ", but it has to be " + actual +
+                        ". Restarting download."));
   EXPECT_THAT(record(), HasSubstr(fetchFailure(
                             "a.tgz", "received data has MD5 sum " + actual +
                                          ", but " + wrong + " is listed")));
@@ -246,11 +248,14 @@ TEST_F(ContentFaultsTest, ServerKilledMidFetchEndsWith18AndRerunCompletes) {
       write(fifo, killed.data(), 1 << 20) == (1 << 20) &&
       waitFor([&] { return sizeOf(local("killed.tgz")) >= (1 << 20); });
   Clock::time_point stalled = Clock::now();
-  bool shown = midFetch && waitFor([&] {
-    return readFile(local("migration.status"))
-               .find("size-left=\"" + std::to_string(9 << 20) + "\"") !=
-           std::string::npos;
-  }, 1000);
+  bool shown = midFetch &&
+               waitFor(
+                   [&] {
+                     return readFile(local("migration.status"))
+                                .find("size-left=\"" + std::to_string(9 << 20) +
+                                      "\"") != std::string::npos;
+                   },
+                   1000);
   EXPECT_TRUE(shown);
   EXPECT_LT(secondsSince(stalled), 0.4) << "figures not saved while stalled";
   SshdServer::shared().killConnections();
@@ -311,11 +316,17 @@ std::string manyFiles() {
 
 const char kWrong[] = "tError_WrongContent";
 const HostileList kHostileLists[] = {
-    {"DotDot", "<file size=\"9\">../outside.tgz</file>", "10", kWrong, "The content list names the file '../outside.tgz': a name must be relative and must not contain '..'."},
-    {"Absolute", "<file size=\"9\">/etc/hostname</file>", "10", kWrong, "names the file '/etc/hostname'"},
-    {"NonNumericSize", "<file size=\"ten\">b.tgz</file>", "10", kWrong, "Attribute 'size' of element 'file' is not a valid number: 'ten'."},
-    {"HugeTotal", "", "99999999999999999999", kWrong, "Attribute 'size' of element 'contentlist' is not a valid number"},
-    {"HugeCountThenDotDot", manyFiles() + "<file size=\"9\">../o.tgz</file>", "10", kWrong, "names the file '../o.tgz'"},
+    {"DotDot", "<file size=\"9\">../outside.tgz</file>", "10", kWrong,
+     "The content list names the file '../outside.tgz': a name must be "
+     "relative and must not contain '..'."},
+    {"Absolute", "<file size=\"9\">/etc/hostname</file>", "10", kWrong,
+     "names the file '/etc/hostname'"},
+    {"NonNumericSize", "<file size=\"ten\">b.tgz</file>", "10", kWrong,
+     "Attribute 'size' of element 'file' is not a valid number: 'ten'."},
+    {"HugeTotal", "", "99999999999999999999", kWrong,
+     "Attribute 'size' of element 'contentlist' is not a valid number"},
+    {"HugeCountThenDotDot", manyFiles() + "<file size=\"9\">../o.tgz</file>",
+     "10", kWrong, "names the file '../o.tgz'"},
     {"Truncated", "", "", "tError_ParseFile", "was not parsed successfully"},
     {"Empty", "", "", "AssertionFailed", "Assertion failed"},
 };
@@ -419,9 +430,10 @@ TEST_P(TerminationTest, SignalStopsAFetchBetweenChunks) {
                 "\">big.tar</file></contentlist>");
   writeFile(remote("big.tar"), "");
   ASSERT_EQ(0, truncate(remote("big.tar").c_str(), size));
-  runAndSignal({"--get-content", "--no-check-space"},
-               [&] { return sizeOf(local("big.tar")) >= (8u << 20); },
-               "transfer.result", 5);
+  runAndSignal(
+      {"--get-content", "--no-check-space"},
+      [&] { return sizeOf(local("big.tar")) >= (8u << 20); }, "transfer.result",
+      5);
   EXPECT_LT(sizeOf(local("big.tar")), size);
   // Nothing was fetched whole, so nothing is removed from the source.
   EXPECT_EQ(size, sizeOf(remote("big.tar")));
@@ -431,8 +443,9 @@ TEST_P(TerminationTest, SignalStopsAFetchBetweenChunks) {
 // without waiting for its next output.
 TEST_P(TerminationTest, SignalStopsARunWaitingForASilentCommand) {
   writeFile(remote("agent.sh"), ": > started; exec sleep 20\n");
-  runAndSignal({"--dump-all"}, [&] { return fileExists(remote("started")); },
-               "migration.result", 3);
+  runAndSignal(
+      {"--dump-all"}, [&] { return fileExists(remote("started")); },
+      "migration.result", 3);
 }
 
 INSTANTIATE_TEST_SUITE_P(Signals, TerminationTest,

@@ -35,34 +35,35 @@ class DriverTest : public ::testing::Test {
   FerrowInstallation install_;
 };
 
-TEST_F(DriverTest, HelpPrintsTheUsageAndWinsOverEverything) {
-  for (const std::vector<std::string>& args :
-       std::vector<std::vector<std::string>>{
-           {"--help"},
-           {"-h", "--send-scout"},
-           {"--dump-all", "--port=0", "-h"}}) {
-    RunResult r = install_.run(args);
-    EXPECT_EQ(0, r.exitCode) << args[0];
-    EXPECT_THAT(r.out, StartsWith("Usage: [DYR_PASSWORD=<password> | "));
-    EXPECT_THAT(r.out, HasSubstr("\n          | --help | -h)\n"));
-    EXPECT_EQ("", r.err);
-  }
-  EXPECT_FALSE(fileExists(session()));
-}
-
-TEST_F(DriverTest, RefusalsExitWith1) {
-  const std::pair<std::vector<std::string>, std::string> early[] = {
-      {{}, "Action required. See --help\n"},
+// Help wins over everything; a refusal exits 1 with its reason. Neither
+// creates the session directory.
+TEST_F(DriverTest, HelpAndRefusalsTouchNothing) {
+  const struct {
+    std::vector<std::string> args;
+    int exitCode;
+    std::string out, err;
+  } cases[] = {
+      {{"--help"}, 0, "Usage: [DYR_PASSWORD=<password> | ", ""},
+      {{"-h", "--send-scout"}, 0, "\n          | --help | -h)\n", ""},
+      {{"--dump-all", "--port=0", "-h"}, 0, "Usage: ", ""},
+      {{}, 1, "", "Action required. See --help\n"},
       {{"--send-scout", "--host", "h", "--login", "l"},
+       1,
+       "",
        "--session-path is required.\n"},
-      {{"--bogus", "--session-path", session()}, "unrecognized option '--bogus'"},
-      {{"--send-scout", "--host"}, "requires an argument"},
+      {{"--bogus", "--session-path", session()},
+       1,
+       "",
+       "unrecognized option '--bogus'"},
+      {{"--send-scout", "--host"}, 1, "", "requires an argument"},
   };
-  for (const auto& c : early) {
-    RunResult r = install_.run(c.first);
-    EXPECT_EQ(1, r.exitCode) << c.second;
-    EXPECT_THAT(r.err, HasSubstr(c.second));
-    EXPECT_EQ("", r.out);
+  for (const auto& c : cases) {
+    RunResult r = install_.run(c.args);
+    EXPECT_EQ(c.exitCode, r.exitCode) << c.out << c.err;
+    EXPECT_THAT(r.out, HasSubstr(c.out));
+    EXPECT_THAT(r.err, HasSubstr(c.err));
+    EXPECT_EQ(c.out.empty(), r.out.empty());
+    EXPECT_EQ(c.err.empty(), r.err.empty());
   }
   EXPECT_FALSE(fileExists(session()));
 
@@ -74,31 +75,34 @@ TEST_F(DriverTest, RefusalsExitWith1) {
   EXPECT_THAT(file("migration.log"),
               HasSubstr("]: Unable to parse command line: More than one "
                         "action is given [./ferrow/options.cpp:"));
-  EXPECT_THAT(file("migration.log"), HasSubstr("Ferrow finished. Exit code: 1"));
+  EXPECT_THAT(file("migration.log"),
+              HasSubstr("Ferrow finished. Exit code: 1"));
   EXPECT_FALSE(fileExists(session() + "/migration.result"));
 }
 
+// The session directory belongs to root with the panel's uid as its group;
+// an existing one is kept as it is.
 TEST_F(DriverTest, SessionDirectoryBelongsToRootWithThePanelUidAsGroup) {
   ASSERT_EQ(0, removeDumpingStatus().exitCode);
   const passwd* panel = getpwnam("dyradm");
   ASSERT_NE(nullptr, panel);
   for (const std::string& dir : {session(), session() + "/archives"}) {
-    struct stat st;
+    struct stat st = {};
     ASSERT_EQ(0, stat(dir.c_str(), &st)) << dir;
-    EXPECT_TRUE(S_ISDIR(st.st_mode));
-    EXPECT_EQ(0u, st.st_uid);
-    EXPECT_EQ(panel->pw_uid, st.st_gid) << "the uid stands as the group";
-    EXPECT_EQ(0750u, st.st_mode & 07777) << dir;
+    EXPECT_EQ(std::make_pair(0u, panel->pw_uid),
+              std::make_pair(st.st_uid, st.st_gid));
+    EXPECT_EQ(040750u, st.st_mode) << dir;
   }
-  // An existing session directory is kept as it is.
   FerrowInstallation other;
   ASSERT_EQ(0, mkdir(other.sessionPath().c_str(), 0711));
   ASSERT_EQ(0, chmod(other.sessionPath().c_str(), 0711));
-  ASSERT_EQ(0, other.run({"--remove-dumping-status", "--session-path",
-                          other.sessionPath()}).exitCode);
-  struct stat st;
-  ASSERT_EQ(0, stat(other.sessionPath().c_str(), &st));
-  EXPECT_EQ(0711u, st.st_mode & 07777);
+  ASSERT_EQ(0, other
+                   .run({"--remove-dumping-status", "--session-path",
+                         other.sessionPath()})
+                   .exitCode);
+  struct stat st = {};
+  EXPECT_EQ(0, stat(other.sessionPath().c_str(), &st));
+  EXPECT_EQ(040711u, st.st_mode);
   EXPECT_TRUE(fileExists(other.sessionPath() + "/archives"));
 }
 
@@ -112,30 +116,26 @@ TEST_F(DriverTest, RunsKeepEarlierRecordsAndOneGrowingLog) {
   }
   EXPECT_THAT(compactXml(file("migration.status")),
               HasSubstr("<migration-status><idle/></migration-status>"));
-  for (const char* name : {"migration.result", "migration.result.1",
-                           "migration.result.2"})
+  for (const char* name :
+       {"migration.result", "migration.result.1", "migration.result.2"})
     EXPECT_THAT(compactXml(file(name)),
                 HasSubstr("<execution-result status=\"success\"/>"));
   EXPECT_FALSE(fileExists(session() + "/migration.result.3"));
   std::string log = file("migration.log");
-  EXPECT_THAT(log, MatchesRegex("(([^\n]*\n)*[^\n]*Ferrow started : " +
-                                std::string(FERROW_BINARY) +
-                                " --remove-dumping-status --session-path " +
-                                session() +
-                                "\n([^\n]*\n)*[^\n]*Ferrow finished. Exit "
-                                "code: 0\n){3}"));
+  EXPECT_THAT(
+      log, MatchesRegex("(([^\n]*\n)*[^\n]*Ferrow started : " +
+                        std::string(FERROW_BINARY) +
+                        " --remove-dumping-status --session-path " + session() +
+                        "\n([^\n]*\n)*[^\n]*Ferrow finished. Exit "
+                        "code: 0\n){3}"));
   // Complaints about the configuration reach the debug log.
   EXPECT_THAT(log, HasSubstr("Invalid variable definition BROKEN=1"));
-
   // --verbose keeps the console appender.
   RunResult verbose = removeDumpingStatus({"--verbose"});
   EXPECT_EQ(0, verbose.exitCode);
   EXPECT_THAT(verbose.out, HasSubstr("INFO p.log: Ferrow started : "));
-}
 
-TEST_F(DriverTest, FailingActionGivesExit2ErrorRecordAndStandardError) {
   // A directory where the status document must go: the action cannot save.
-  ASSERT_EQ(0, removeDumpingStatus().exitCode);
   ASSERT_EQ(0, unlink((session() + "/migration.status").c_str()));
   ASSERT_EQ(0, mkdir((session() + "/migration.status").c_str(), 0700));
   RunResult r = removeDumpingStatus();
@@ -146,26 +146,26 @@ TEST_F(DriverTest, FailingActionGivesExit2ErrorRecordAndStandardError) {
               MatchesRegex(".*<execution-result status=\"error\"><message "
                            "code=\"CantRenameFile\" id=\"[0-9a-f-]{36}\" "
                            "severity=\"error\"><description>Cannot rename .*"));
-  EXPECT_THAT(file("migration.log"), HasSubstr("Ferrow finished. Exit code: 2"));
+  EXPECT_THAT(file("migration.log"),
+              HasSubstr("Ferrow finished. Exit code: 2"));
 }
 
 TEST_F(DriverTest, UncaughtFailuresOfTheSetUpExitWith1) {
-  RunResult noParent = install_.run({"--remove-dumping-status",
-                                     "--session-path",
-                                     install_.root() + "/missing/session"});
+  RunResult noParent =
+      install_.run({"--remove-dumping-status", "--session-path",
+                    install_.root() + "/missing/session"});
   EXPECT_EQ(1, noParent.exitCode);
   EXPECT_THAT(noParent.err, MatchesRegex("Uncaught ExTraceableException: "
                                          "UnableToCreateSession\\[.*\\]: "
                                          "Unable to create session: Unable to "
                                          "create session directory .*"));
-
-  unlink((install_.productRoot() + "/QVT/log4cpp.properties").c_str());
+  const std::string properties =
+      install_.productRoot() + "/QVT/log4cpp.properties";
+  unlink(properties.c_str());
   RunResult noProperties = removeDumpingStatus();
   EXPECT_EQ(1, noProperties.exitCode);
   EXPECT_THAT(noProperties.err, StartsWith("Uncaught std::exception: "));
-  EXPECT_THAT(noProperties.err,
-              HasSubstr(install_.productRoot() + "/QVT/log4cpp.properties"));
-
+  EXPECT_THAT(noProperties.err, HasSubstr(properties));
   // Without dyr.conf the default product root is used.
   unlink((install_.etcDyr() + "/dyr.conf").c_str());
   RunResult noConf = removeDumpingStatus();

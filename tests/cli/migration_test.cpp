@@ -61,6 +61,10 @@ std::map<std::string, time_t> archives(const std::string& session) {
 }
 
 enum Way { kAsRoot, kThroughSudo, kUnderValgrind };
+std::string wayName(const ::testing::TestParamInfo<Way>& info) {
+  return std::vector<std::string>{"AsRoot", "ThroughSudo",
+                                  "UnderValgrind"}[info.param];
+}
 
 class MigrationTest : public ::testing::TestWithParam<Way> {
  protected:
@@ -92,17 +96,18 @@ class MigrationTest : public ::testing::TestWithParam<Way> {
                            "--error-exitcode=97", "--log-file=" + report});
     args.insert(args.end(), {"--session-path", session()});
     if (args[0] != "--send-scout")
-      args.insert(args.end(), {"--agent-dir", agentDir(), "--agent-name",
-                               "reference"});
+      args.insert(args.end(),
+                  {"--agent-dir", agentDir(), "--agent-name", "reference"});
     RunResult r =
         install_.run(options, withLogin(login_, args), login_.env, input);
     EXPECT_EQ(r.exitCode, 0) << args[0] << ": " << r.err;
     EXPECT_EQ(r.err, "") << args[0];
     EXPECT_THAT(r.out, Not(HasSubstr(login_.env["DYR_PASSWORD"])));
-    if (GetParam() == kUnderValgrind)
+    if (GetParam() == kUnderValgrind) {
       EXPECT_THAT(fileExists(report) ? readFile(report) : "",
                   HasSubstr("ERROR SUMMARY: 0 errors"))
           << args[0];
+    }
     return r;
   }
 
@@ -122,8 +127,8 @@ TEST_P(MigrationTest, WholeSequence) {
   const std::string password = login_.env["DYR_PASSWORD"];
   std::atomic<bool> done{GetParam() == kUnderValgrind};
   std::atomic<int> rounds{0};
-  auto leaks = std::async(std::launch::async, watchProcesses, password, &done,
-                          &rounds);
+  auto leaks =
+      std::async(std::launch::async, watchProcesses, password, &done, &rounds);
 
   step({"--send-scout"});
   EXPECT_THAT(file("scout-result.xml"), HasSubstr("<scout-result"));
@@ -179,27 +184,24 @@ TEST_P(MigrationTest, WholeSequence) {
   EXPECT_GT(rounds, 10);
   EXPECT_THAT(found, IsEmpty());
   for (fs::directory_iterator it(session()), end; it != end; ++it)
-    if (fs::is_regular_file(it->path()))
+    if (fs::is_regular_file(it->path())) {
       EXPECT_THAT(readFile(it->path().string()), Not(HasSubstr(password)))
           << it->path();
+    }
   if (GetParam() == kThroughSudo) {
     // The exchanges that carry a password are logged masked: the sudo
     // check, and the dump's input (sudo line, then the rsync lines).
     std::string log = file("migration.log");
     EXPECT_THAT(log, HasSubstr("remote stdin <- ********"));
-    EXPECT_THAT(log, HasSubstr("\n127.0.0.1\n" + sudoAccount().name +
-                               "\n********\n"));
+    EXPECT_THAT(
+        log, HasSubstr("\n127.0.0.1\n" + sudoAccount().name + "\n********\n"));
   }
 }
 
 INSTANTIATE_TEST_SUITE_P(Ways, MigrationTest,
                          ::testing::Values(kAsRoot, kThroughSudo,
                                            kUnderValgrind),
-                         [](const ::testing::TestParamInfo<Way>& info) {
-                           const char* names[] = {"AsRoot", "ThroughSudo",
-                                                  "UnderValgrind"};
-                           return std::string(names[info.param]);
-                         });
+                         wayName);
 
 TEST(ScoutTest, ResultHoldsExactlyWhatTheScoutPrintedAndFailuresAreTold) {
   ensurePanelAccount();
@@ -215,8 +217,8 @@ TEST(ScoutTest, ResultHoldsExactlyWhatTheScoutPrintedAndFailuresAreTold) {
   nowhere.args[1] = "--port=1";
   RunResult missing = run(nowhere);
   EXPECT_EQ(missing.exitCode, 2);
-  EXPECT_EQ(missing.err, "Unable to open " + scout +
-                             " for transferring to the remote host");
+  EXPECT_EQ(missing.err,
+            "Unable to open " + scout + " for transferring to the remote host");
 
   // Runs as root wherever it runs; the bytes include ones a text mode
   // would touch.
@@ -232,8 +234,9 @@ TEST(ScoutTest, ResultHoldsExactlyWhatTheScoutPrintedAndFailuresAreTold) {
         << login.name;
   }
 
-  writeFile(scout,
-            "$| = 1; print \"partial\"; print STDERR \"no luck\\n\"; exit 3;\n");
+  writeFile(
+      scout,
+      "$| = 1; print \"partial\"; print STDERR \"no luck\\n\"; exit 3;\n");
   RunResult failed = run(sourceLogin(rootAccount(), false));
   EXPECT_EQ(failed.exitCode, 2);
   EXPECT_EQ(failed.err,

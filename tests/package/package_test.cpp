@@ -10,8 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "commons/arg_list.h"
-#include "commons/exec_cmd.h"
 #include "support/ferrow_runner.h"
 
 namespace ferrow_test {
@@ -19,18 +17,6 @@ namespace {
 
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
-
-// Runs argv[0] (looked up in PATH) in the test's environment plus env.
-RunResult runProgram(const std::vector<std::string>& argv,
-                     const std::map<std::string, std::string>& env = {}) {
-  tovel::ArgList args;
-  for (const std::string& arg : argv) args << arg;
-  RunResult result;
-  result.exitCode = tovel::forkExecvGetInOutErrSuidEnv(
-      "", result.out, result.err, argv.at(0), args, "",
-      tovel::EnvMap(env.begin(), env.end()));
-  return result;
-}
 
 // apt and dpkg wait for each other's lock instead of failing at once.
 const std::map<std::string, std::string> kAptEnv = {
@@ -41,7 +27,7 @@ TEST(DebPackageTest, BuildInstallRunAndPurge) {
   ensurePanelAccount();
   TempDir out;
   RunResult cpack =
-      runProgram({"sh", "-c", "cd \"$1\" && exec cpack -G DEB -B \"$2\"", "sh",
+      runCommand({"sh", "-c", "cd \"$1\" && exec cpack -G DEB -B \"$2\"", "sh",
                   FERROW_BUILD_DIR, out.path()});
   ASSERT_EQ(cpack.exitCode, 0) << cpack.out << cpack.err;
   std::vector<std::string> debs;
@@ -50,45 +36,44 @@ TEST(DebPackageTest, BuildInstallRunAndPurge) {
     if (it->path().extension() == ".deb") debs.push_back(it->path().string());
   }
   ASSERT_EQ(debs.size(), 1u) << cpack.out;
-  RunResult version = runProgram({"dpkg-deb", "-f", debs[0], "Version"});
+  RunResult version = runCommand({"dpkg-deb", "-f", debs[0], "Version"});
   EXPECT_THAT(version.out, StartsWith(FERROW_VERSION));
 
   // --reinstall: a run stopped before its clean-up may have left the same
   // version installed.
-  RunResult apt = runProgram({"apt-get", "install", "-y", "-q", "--reinstall",
+  RunResult apt = runCommand({"apt-get", "install", "-y", "-q", "--reinstall",
                               "--allow-downgrades", "-o", kLockWait, debs[0]},
-                             kAptEnv);
+                             "", kAptEnv);
   ASSERT_EQ(apt.exitCode, 0) << apt.out << apt.err;
 
-  EXPECT_EQ(runProgram({"sh", "-c", "command -v ferrow"}).out,
+  EXPECT_EQ(runCommand({"sh", "-c", "command -v ferrow"}).out,
             "/usr/bin/ferrow\n");
-  EXPECT_EQ(runProgram({"man", "-w", "ferrow"}).out,
+  EXPECT_EQ(runCommand({"man", "-w", "ferrow"}).out,
             "/usr/share/man/man1/ferrow.1.gz\n");
   // bash-completion loads the completion on demand from its directory.
-  RunResult loaded = runProgram(
-      {"bash", "-c",
-       "source /usr/share/bash-completion/bash_completion && "
-       "_completion_loader ferrow; complete -p ferrow"});
+  RunResult loaded =
+      runCommand({"bash", "-c",
+                  "source /usr/share/bash-completion/bash_completion && "
+                  "_completion_loader ferrow; complete -p ferrow"});
   EXPECT_EQ(loaded.out, "complete -F _ferrow ferrow\n") << loaded.err;
 
   // The installed binary runs with the installed example configuration.
   const std::string examples = "/usr/share/doc/ferrow/examples";
   FerrowInstallation fixture;
-  fixture.writeDyrConf("PRODUCT_ROOT_D " + fixture.productRoot() + "\n");
   fixture.writeLogProperties(readFile(examples + "/log4cpp.properties"));
   RunOptions options;
   options.binds = {{fixture.etcDyr(), "/etc/dyr"}};
-  RunResult run = runInNamespace(
-      "/usr/bin/ferrow --remove-dumping-status --session-path " +
-          fixture.sessionPath(),
-      options);
+  RunResult run =
+      runInNamespace("/usr/bin/ferrow --remove-dumping-status --session-path " +
+                         fixture.sessionPath(),
+                     options);
   EXPECT_EQ(run.exitCode, 0) << run.err;
   EXPECT_EQ(run.out + run.err, "");
   EXPECT_THAT(readFile(fixture.sessionPath() + "/migration.log"),
               HasSubstr("Ferrow started : /usr/bin/ferrow"));
 
-  RunResult purge = runProgram(
-      {"apt-get", "purge", "-y", "-q", "-o", kLockWait, "ferrow"}, kAptEnv);
+  RunResult purge = runCommand(
+      {"apt-get", "purge", "-y", "-q", "-o", kLockWait, "ferrow"}, "", kAptEnv);
   EXPECT_EQ(purge.exitCode, 0) << purge.out << purge.err;
   EXPECT_FALSE(fileExists("/usr/bin/ferrow"));
   EXPECT_FALSE(fileExists(examples));

@@ -51,8 +51,8 @@ RunResult runNamespaced(const RunOptions& options, const std::string& script,
   writeFile(scratch.path() + "/env", exports);
   std::vector<std::string> argv = {"unshare", "-m"};
   if (options.isolateNetwork) argv.push_back("-n");
-  argv.insert(argv.end(), {"--propagation", "private", "sh", "-c",
-                           kNamespaceScript, "sh"});
+  argv.insert(argv.end(),
+              {"--propagation", "private", "sh", "-c", kNamespaceScript, "sh"});
   for (const auto& bind : options.binds)
     argv.insert(argv.end(), {bind.first, bind.second});
   return runCommand(
@@ -166,8 +166,8 @@ RunResult FerrowInstallation::run(const RunOptions& options,
   command += " " + quoted(FERROW_BINARY);
   for (const std::string& arg : args) command += " " + quoted(arg);
   RunResult result = runNamespaced(withDyr, command, input, exports);
-  for (const char* mark : {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
-                           "runtime error:"})
+  for (const char* mark :
+       {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:"})
     if (result.err.find(mark) != std::string::npos)
       ADD_FAILURE() << "sanitizer report from ferrow:\n" << result.err;
   return result;

@@ -33,8 +33,8 @@ inline std::string procFile(pid_t pid, const std::string& name) {
 }
 
 inline std::vector<pid_t> childrenOf(pid_t pid) {
-  std::istringstream in(procFile(pid, "task/" + std::to_string(pid) +
-                                          "/children"));
+  std::istringstream in(
+      procFile(pid, "task/" + std::to_string(pid) + "/children"));
   std::vector<pid_t> children;
   for (pid_t child; in >> child;) children.push_back(child);
   return children;

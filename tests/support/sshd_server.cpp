@@ -76,10 +76,20 @@ std::string configText(const std::string& dir, unsigned short port) {
 // dies leaves no server behind.
 pid_t spawnSshd(const std::string& dir) {
   tovel::ArgList argv;
-  argv << "setpriv" << "--pdeathsig" << "TERM" << "unshare" << "-m"
-       << "--propagation" << "private" << "sh" << "-c"
+  argv << "setpriv"
+       << "--pdeathsig"
+       << "TERM"
+       << "unshare"
+       << "-m"
+       << "--propagation"
+       << "private"
+       << "sh"
+       << "-c"
        << "mount --bind \"$0\" /etc/pam.d/sshd && exec \"$@\"" << dir + "/pam"
-       << "/usr/sbin/sshd" << "-D" << "-e" << "-f" << dir + "/sshd_config"
+       << "/usr/sbin/sshd"
+       << "-D"
+       << "-e"
+       << "-f" << dir + "/sshd_config"
        << "-E" << dir + "/sshd.log";
   int null = open("/dev/null", O_RDWR | O_CLOEXEC);
   pid_t pid = tovel::forkExecvPipes(null, null, null, "setpriv", argv, "", {});
@@ -106,8 +116,8 @@ SshdServer::SshdServer() : dir_(std::make_unique<TempDir>()), owner_(getpid()) {
   std::call_once(accounts, setUpTestAccounts);
   const std::string dir = dir_->path();
   mkdir("/run/sshd", 0755);  // privilege separation
-  mustRun({"ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f",
-           dir + "/host_key"});
+  mustRun(
+      {"ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", dir + "/host_key"});
   writeFile(dir + "/pam",
             std::regex_replace(
                 readFile("/etc/pam.d/sshd"), std::regex("@include common-auth"),
