@@ -1,18 +1,22 @@
 // The configuration reader, local commands, files and directories, quoting,
-// secrets, bounded output and sums.
+// secrets, bounded output, sums, random strings and accounts.
 #include <gmock/gmock.h>
+#include <pwd.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <boost/filesystem.hpp>
 #include <sstream>
 
+#include "commons/accounts.h"
 #include "commons/args_builder.h"
 #include "commons/capped_output.h"
 #include "commons/checksum.h"
 #include "commons/disk_space.h"
+#include "commons/dyr_conf.h"
 #include "commons/exec_cmd.h"
 #include "commons/make_dir.h"
+#include "commons/random_strings.h"
 #include "commons/secrets.h"
 #include "commons/sh_quote.h"
 #include "commons/temp_files.h"
@@ -23,6 +27,8 @@
 namespace tovel {
 namespace {
 
+using testing::HasSubstr;
+using testing_util::describe;
 using testing_util::HostLogCapture;
 using testing_util::messageOf;
 
@@ -31,49 +37,38 @@ using testing_util::messageOf;
 // logged and skipped; the record grows past its 20 slots and is searched
 // sorted once read, linearly after a later set.
 TEST(ConfReaderTest, ParsesTrimsLogsAndGrows) {
-  const char* const cases[][3] = {
-      {"# ROOT_D /x\n  # Y z\n\n \t \n", "ROOT_D", ""},
-      {"CLEAN /a b\n", "CLEAN", "/a b"},
-      {"TWO /a b  \n", "TWO", "/a b  "},
-      {"ONE /a b \n", "ONE", "/a b \n"},
-      {"TAB x\t\n", "TAB", "x\t\n"},
-      {"IN   spaced \t v # note\n", "IN", "spaced \t v"},
-      {"D /first\nD /second\n", "D", "/second"},
-      {"  \tLAST value ", "LAST", "value"},  // no newline at the end
-  };
+  std::string text =
+      "# ROOT_D /x\n  # Y z\n\n \t \nCLEAN /a b\nTWO /a b  \nONE /a b \n"
+      "TAB x\t\nIN   spaced \t v # note\nD /first\nD /second\nR=/x\nH   #v\n";
+  for (int i = 44; i >= 0; --i) text += "V" + std::to_string(i) + " x\n";
   ferrow_test::TempDir dir;
   const std::string file = dir.path() + "/c";
+  ferrow_test::writeFile(file, text + "  \tLAST value ");  // no newline
   conf_data conf;
   conf_init_r(&conf);
   HostLogCapture log;
   auto get = [&](const std::string& name) {
     const char* value = conf_get_r(name, &conf);
-    return std::string(value ? value : "");
+    return std::string(value ? value : "-") + "|";
   };
-  std::string text;
-  for (const auto& c : cases) text += c[0];
-  ferrow_test::writeFile(file, text);
   ASSERT_EQ(0, conf_read_file_r(file.c_str(), &conf));
-  for (const auto& c : cases) EXPECT_EQ(c[2], get(c[1])) << c[0];
-
-  text = "R=/x\nHASHED   #v\nGOOD v#x\n";
-  for (int i = 44; i >= 0; --i) text += "V" + std::to_string(i) + " x\n";
-  ferrow_test::writeFile(file, text + "DANGLING");
-  ASSERT_EQ(0, conf_read_file_r(file.c_str(), &conf));
-  EXPECT_EQ(7u + 1 + 45, conf.used);
-  for (int i = 0; i < 45; ++i) EXPECT_EQ("x", get("V" + std::to_string(i)));
-  EXPECT_EQ("v", get("GOOD") + get("V45"));
+  std::string values;
+  for (auto name : {"ROOT_D", "CLEAN", "TWO", "ONE", "TAB", "IN", "D", "R", "H",
+                    "V0", "V27", "V44", "LAST"})
+    values += get(name);
   conf_set_r("A", "first", &conf);  // sorts before every other name
-  EXPECT_EQ("firstx", get("A") + get("V0"));
-  EXPECT_EQ(-1, conf_read_file_r(dir.path().c_str(), &conf));
-  EXPECT_EQ(-1, conf_read_file_r("/no/c", &conf));
-  ASSERT_EQ(5u, log.lines_.size());  // R, HASHED, DANGLING and the two files
-  EXPECT_EQ("Invalid variable definition HASHED\nExpected a value",
-            log.lines_[1]);
   EXPECT_EQ(
-      "Invalid variable definition DANGLING\nExpected a space after "
-      "variable name",
-      log.lines_[2]);
+      "-|/a b|/a b  |/a b \n|x\t\n|spaced \t v|/second|-|-|x|x|x|value|"
+      "first|x|53",
+      values + get("A") + get("V0") + std::to_string(conf.used));
+  EXPECT_EQ(-2, conf_read_file_r(dir.path().c_str(), &conf) +
+                    conf_read_file_r("/no/c", &conf));
+  EXPECT_EQ(
+      "Invalid variable definition R=/x\n\nExpected a space after variable "
+      "name|Invalid variable definition H\nExpected a value|Unable to read "
+      "configuration file: Is a directory|unable to open configuration file "
+      "/no/c: No such file or directory",
+      log.text_);
   conf_free_r(&conf);
 }
 
@@ -81,31 +76,36 @@ TEST(ConfReaderTest, ParsesTrimsLogsAndGrows) {
 // stays cached. Temporary names follow the directory, else DUMP_TMP_D, else
 // the product's tmp.
 TEST(DyrConfTest, DefaultsUntilTheFileIsReadThenCached) {
-  testing_util::ScratchConf conf;
+  ferrow_test::TempDir dir;
+  const std::string path = dir.path() + "/dyr.conf";
+  dyrConfResetForTesting(path.c_str());
   HostLogCapture log;
-  EXPECT_EQ(nullptr, dyrConfGetByIndex(kProductRootD));
-  EXPECT_STREQ("/tmp", dyrConfGetDefault("DUMP_TMP_D"));
   std::vector<char> name;
   initTempName(name, "", "d.");
-  EXPECT_STREQ("/usr/local/dyr/QVT/tmp/d.XXXXXX", name.data());
-  EXPECT_EQ(4u, log.lines_.size()) << "each lookup tries the file again";
-
-  conf.write("HTTPD_VHOSTS_D /srv\nCUSTOM custom\nDUMP_TMP_D /d/\n");
-  EXPECT_EQ(std::string("/srv/usr/bincustom"),
+  EXPECT_EQ("-/tmp/usr/local/dyr/QVT/tmp/d.XXXXXX",
+            (dyrConfGetByIndex(kProductRootD) ? "" : "-") +
+                std::string(dyrConfGetDefault("DUMP_TMP_D")) + name.data());
+  EXPECT_EQ(4, log.count_) << "each lookup tries the file again";
+  ferrow_test::writeFile(path, "HTTPD_VHOSTS_D /srv\nC c\nDUMP_TMP_D /d/\n");
+  EXPECT_EQ(std::string("/srv/usr/binc"),
             std::string(dyrConfGetDefaultByIndex(kHttpdVhostsD)) +
-                dyrConfGetDefault("MYSQL_BIN_D") + dyrConfGet("CUSTOM"));
+                dyrConfGetDefault("MYSQL_BIN_D") + dyrConfGet("C"));
   EXPECT_TRUE(!dyrConfGetByIndex(kDyrConfSlots) &&
               !dyrConfGetDefaultByIndex(-1));
-  conf.write("HTTPD_VHOSTS_D /elsewhere\nMYSQL_BIN_D /opt/mysql\n");
+  ferrow_test::writeFile(path, "HTTPD_VHOSTS_D /else\nMYSQL_BIN_D /opt\n");
   EXPECT_STREQ("/srv", dyrConfGetByIndex(kHttpdVhostsD));
   EXPECT_EQ(nullptr, dyrConfGetByIndex(kMysqlBinD));
   EXPECT_EQ(nullptr, dyrConfGetDefault("_MAX_POSSIBLE_DYR_CONF_VAR_NAME"));
-  EXPECT_THAT(log.lines_.back(), testing::StartsWith("variable '_MAX_"));
-  for (auto dir : {"", "/t", "/t/"}) {
+  EXPECT_THAT(log.text_,
+              testing::EndsWith("|variable '_MAX_POSSIBLE_DYR_CONF_"
+                                "VAR_NAME' isn't found neither in " +
+                                path + " nor in compile-time defaults"));
+  for (auto tmp : {"", "/t", "/t/"}) {
     name.clear();
-    initTempName(name, dir, "p");
-    EXPECT_EQ(*dir ? "/t/pXXXXXX" : "/d/pXXXXXX", std::string(name.data()));
+    initTempName(name, tmp, "p");
+    EXPECT_EQ(*tmp ? "/t/pXXXXXX" : "/d/pXXXXXX", std::string(name.data()));
   }
+  dyrConfResetForTesting(nullptr);
 }
 
 ExecCmd shell(const std::string& script, const std::string& input = "") {
@@ -124,19 +124,17 @@ ExecCmd shell(const std::string& script, const std::string& input = "") {
 // user reach the child only.
 TEST(ExecCmdTest, StreamsCodesAndReports) {
   const pid_t parent = getpid();
-  ExecCmd failing = shell("cat; printf E >&2; exit 3", "in");
+  ExecCmd failing = shell("cat; printf E >&2; exit 3", "in"), unknown("id");
   EXPECT_EQ(
-      "Execution of sh -c cat\\;\\ printf\\ E\\ \\>\\&2\\;\\ exit\\ 3 "
-      "failed with return code 3.\nStdin is\nin\nStdout is\nin\nStderr "
-      "is\nE\n",
+      "Execution of sh -c cat\\;\\ printf\\ E\\ \\>\\&2\\;\\ exit\\ 3 failed "
+      "with return code 3.\nStdin is\nin\nStdout is\nin\nStderr is\nE\n",
       messageOf<&ExecCmd::Failed>([&] { failing.exec(); }));
-  EXPECT_EQ(-1, shell("kill -9 $$").exec(std::nothrow));
-  EXPECT_EQ(127, ExecCmd("/no/program").exec(std::nothrow));
-  ExecCmd unknown("id");
   unknown.setUser("ferrow-no-such-user");
-  EXPECT_EQ(127, unknown.exec(std::nothrow));
+  EXPECT_EQ(std::vector<int>({-1, 127, 127}),
+            std::vector<int>({shell("kill -9 $$").exec(std::nothrow),
+                              ExecCmd("/no/program").exec(std::nothrow),
+                              unknown.exec(std::nothrow)}));
   if (getpid() != parent) _exit(42);
-  EXPECT_EQ("", unknown.getOutput());
 
   const std::string input = ferrow_test::archiveBytes(8 << 20, 7);
   ExecCmd cmd = shell("head -c 8388608 /dev/zero >&2; cat", input);
@@ -168,20 +166,18 @@ TEST(ExecCmdTest, StreamsCodesAndReports) {
 // back whole from both shells, an empty word vanishing.
 TEST(ShQuoteTest, EveryNonZeroByteRoundTripsThroughTheShells) {
   std::string backslashed, all, expected;
-  for (int byte = 0; byte < 256; ++byte) {
-    if (shQuoteClass(byte) == ShQuoteClass::kBackslash) backslashed += byte;
-  }
-  EXPECT_EQ("\t \"#$&'()*;<>?[\\`|~", backslashed);
-  EXPECT_EQ("it\\'s'\n'{a}\xc3\xa9", sh_quote("it's\n{a}\xc3\xa9"));
   ArgsBuilder line("printf");
   line << "%s\\000"
        << "";
   for (int byte = 1; byte < 256; ++byte) {
     const std::string b(1, static_cast<char>(byte));
+    if (shQuoteClass(byte) == ShQuoteClass::kBackslash) backslashed += b;
     line << b << "a" + b + "z";
     expected += b + '\0' + "a" + b + "z" + '\0';
     all += b;
   }
+  EXPECT_EQ("\t \"#$&'()*;<>?[\\`|~", backslashed);
+  EXPECT_EQ("it\\'s'\n'{a}\xc3\xa9", sh_quote("it's\n{a}\xc3\xa9"));
   line << all;
   for (const char* shell : {"/bin/sh", "/bin/bash"}) {
     ArgList args;
@@ -197,13 +193,10 @@ TEST(ShQuoteTest, EveryNonZeroByteRoundTripsThroughTheShells) {
 // stream, and pieces of any size (empty ones included) that give the sum of
 // the whole; a finished digest starts a new sum.
 TEST(ChecksumTest, DigestFedInPiecesMatchesTheWhole) {
-  for (const auto& c :
-       {std::make_pair(4096, "497d54cf8ef7e5bc4ce6094c16e758a2"),
-        std::make_pair(4097, "90844a37160c073b1426c8fff343b6e7")}) {
-    std::istringstream in(ferrow_test::archiveBytes(c.first, 3));
-    EXPECT_EQ(c.second, countMd5Sum(in)) << c.first;
-  }
-  std::istringstream broken("data");
+  std::istringstream in4096(ferrow_test::archiveBytes(4096, 3)),
+      in4097(ferrow_test::archiveBytes(4097, 3)), broken("data");
+  EXPECT_EQ("497d54cf8ef7e5bc4ce6094c16e758a2 90844a37160c073b1426c8fff343b6e7",
+            countMd5Sum(in4096) + " " + countMd5Sum(in4097));
   broken.setstate(std::ios::badbit);
   EXPECT_EQ("Cannot read data from the stream",
             messageOf<&StreamRead>([&] { countMd5Sum(broken); }));
@@ -231,8 +224,7 @@ TEST(CappedOutputTest, KeepsBothEndsAndCountsWhatItLeftOut) {
             out.str() + "|" + std::to_string(out.size()));
   for (int i = 0; i < 64; ++i) big << "<" + std::string(65534, 'x') + ">";
   EXPECT_EQ("<" + std::string(1023, 'x') +
-                "\n[... 4192256 bytes left out "
-                "...]\n" +
+                "\n[... 4192256 bytes left out ...]\n" +
                 std::string(1023, 'x') + ">",
             big.str());
 }
@@ -275,7 +267,6 @@ TEST(FilesTest, DirectoriesTemporaryFilesAndFreeSpace) {
   make_dir(path, 0, 0, 0700);  // exists: unchanged
   make_dir(boost::filesystem::path(y + "/"), 0, 0, 0700);
   umask(mask);
-  using testing_util::describe;
   EXPECT_EQ(a + "/b/c|d 0:0 0700|d 65534:65533 0755|d 65534:65533 0755|d 0:0 "
                 "0700",
             path.c_str() + ("|" + describe(a)) + "|" + describe(a + "/b") +
@@ -285,20 +276,60 @@ TEST(FilesTest, DirectoriesTemporaryFilesAndFreeSpace) {
                check_input_file("", false) || check_input_file(nullptr, 0));
   EXPECT_THAT(
       messageOf<&CantCreateTempFile>([] { QVT_getTempFileName("/no", "x"); }),
-      testing::HasSubstr("'/no/xXXXXXX': No such file"));
+      HasSubstr("'/no/xXXXXXX': No such file"));
   ASSERT_EQ(0u, getFreeSpace("/proc"));  // /proc has a steady 0 free
   DiskSpaceReserver::checkDiskSpace("/proc", 0);
   EXPECT_THAT(messageOf<&DiskSpaceReserver::NotEnoughDiskSpace>(
                   [] { DiskSpaceReserver::checkDiskSpace("/proc", 1); }),
-              testing::HasSubstr("/proc has only 0 bytes free, but 1 bytes"));
+              HasSubstr("/proc has only 0 bytes free, but 1 bytes"));
   EXPECT_THAT(messageOf<&CantStatFS>([] { getFreeSpace("/no"); }),
-              testing::HasSubstr("/no: No such file"));
+              HasSubstr("/no: No such file"));
   EXPECT_GT(getFreeSpace(y), 1u << 20);
   EXPECT_EQ(12345u, boost::filesystem::file_size(
                         DiskSpaceReserver(y, 12345).getFileName()));
   EXPECT_THROW(DiskSpaceReserver(y, INT64_MAX),
                DiskSpaceReserver::ExNotEnoughDiskSpace);
   EXPECT_TRUE(boost::filesystem::is_empty(y)) << "the reserve is removed";
+}
+
+// Letters and digits only, whatever rand() gives; a strong password holds
+// digits, capitals and small letters in turn, whatever the shuffle.
+TEST(RandomStringsTest, PasswordsDrawFromTheirAlphabets) {
+  std::string passwords, classes;
+  for (int i = 0; i < 50; ++i) passwords += randomPasswd();
+  EXPECT_EQ(350, std::count_if(passwords.begin(), passwords.end(), isalnum));
+  for (int n = -1; n <= 7; ++n) {
+    std::string word = randomStrongPassword(n);
+    std::sort(word.begin(), word.end());  // digits, capitals, small letters
+    for (char c : word) classes += isdigit(c) ? '0' : isupper(c) ? 'A' : 'a';
+    classes += '|';
+  }
+  EXPECT_EQ("||0|0A|0Aa|00Aa|00AAa|00AAaa|000AAaa|", classes);
+}
+
+// A run must not read the password database at every status save, yet an
+// account that appears while it runs is still found. The account is this
+// test's own: other programs look up theirs at the same time.
+TEST(AccountsTest, RemembersFoundAccountsButNotMissingOnes) {
+  const std::string name = "ferrowcachetest", del = "userdel " + name;
+  std::system((del + " 2>/dev/null").c_str());
+  HostLogCapture log;
+  auto ids = [&] {
+    AccountIds ids = lookupAccount(name);
+    return std::to_string(ids.uid) + ":" + std::to_string(ids.gid);
+  };
+  EXPECT_EQ("0:0", ids());
+  EXPECT_EQ("Unable to find uid for user " + name + ": no such account",
+            log.text_);
+  ASSERT_EQ(0, std::system(("useradd -r -M " + name).c_str()));
+  const passwd* entry = getpwnam(name.c_str());
+  const std::string found =
+      std::to_string(entry->pw_uid) + ":" + std::to_string(entry->pw_gid);
+  EXPECT_EQ(found, ids());
+  std::system(del.c_str());
+  EXPECT_EQ(found, ids()) << "remembered";
+  forgetAccountLookups();
+  EXPECT_EQ("0:0", ids()) << "read again";
 }
 
 }  // namespace

@@ -7,9 +7,7 @@
 
 #include <functional>
 #include <string>
-#include <vector>
 
-#include "commons/dyr_conf.h"
 #include "commons/host_log.h"
 #include "errors/exc.h"
 #include "support/ferrow_runner.h"
@@ -31,37 +29,29 @@ std::string messageOf(const std::function<void()>& body) {
   return std::string();
 }
 
-// Collects the host log lines written while it lives (installing a sink
-// replays earlier lines: those are dropped).
+// The host log lines written while it lives, joined by "|" (installing a
+// sink replays earlier lines: those are dropped).
 struct HostLogCapture {
   HostLogCapture() {
     setHostLogSink([this](HostLogLevel, const std::string& line) {
-      lines_.push_back(line);
+      text_ += (count_++ ? "|" : "") + line;
     });
-    lines_.clear();
+    text_.clear();
+    count_ = 0;
   }
   ~HostLogCapture() { setHostLogSink(HostLogSink()); }
-  std::vector<std::string> lines_;
-};
-
-// Points the configuration at a scratch file (absent until written) while
-// it lives.
-struct ScratchConf {
-  ScratchConf() { dyrConfResetForTesting(path().c_str()); }
-  ~ScratchConf() { dyrConfResetForTesting(nullptr); }
-  void write(const std::string& text) { ferrow_test::writeFile(path(), text); }
-  std::string path() const { return dir_.path() + "/dyr.conf"; }
-  ferrow_test::TempDir dir_;
+  std::string text_;
+  int count_ = 0;
 };
 
 // "d 0:0 0750": directory or file, owner, group, permissions; or "missing".
 inline std::string describe(const std::string& path) {
   struct stat st;
   if (stat(path.c_str(), &st) != 0) return "missing";
+  char mode[8];
+  snprintf(mode, sizeof mode, " 0%o", st.st_mode & 0777);
   return std::string(S_ISDIR(st.st_mode) ? "d " : "f ") +
-         std::to_string(st.st_uid) + ":" + std::to_string(st.st_gid) + " 0" +
-         std::to_string((st.st_mode >> 6 & 7) * 100 +
-                        (st.st_mode >> 3 & 7) * 10 + (st.st_mode & 7));
+         std::to_string(st.st_uid) + ":" + std::to_string(st.st_gid) + mode;
 }
 
 }  // namespace testing_util

@@ -1,6 +1,7 @@
 // The XML layer: documents read and saved (atomically, for the panel), the
 // status document, the agents' documents, DTD, XSLT, XPath, error messages
 // and the safe form of outside text.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <pwd.h>
 #include <signal.h>
@@ -8,15 +9,19 @@
 
 #include <boost/filesystem.hpp>
 #include <fstream>
-#include <regex>
 
 #include "commons/commons_test_util.h"
+#include "commons/exec_cmd.h"
 #include "commons/session_files.h"
 #include "errors/tags.h"
 #include "xml/agent_deployment_status.h"
 #include "xml/agent_file_list.h"
+#include "xml/agents_list.h"
 #include "xml/migration_status.h"
+#include "xml/xml_dtd_xslt.h"
+#include "xml/xml_msg_formatter.h"
 #include "xml/xml_node.h"
+#include "xml/xml_schema.h"
 #include "xml/xml_text.h"
 #include "xml/xml_xpath.h"
 
@@ -27,13 +32,14 @@ using ferrow_test::readFile;
 using ferrow_test::TempDir;
 using ferrow_test::writeFile;
 using testing::HasSubstr;
+using testing::MatchesRegex;
 using testing_util::messageOf;
 
 #define R "\xEF\xBF\xBD"  // U+FFFD
 
 // The XML text without its declaration and the indentation between tags.
 std::string bodyOf(const std::string& text) {
-  std::string body = std::regex_replace(text, std::regex(">\\s+<"), "><");
+  std::string body = ferrow_test::compactXml(text);
   if (body.compare(0, 5, "<?xml") == 0) body.erase(0, body.find("?>") + 2);
   return body.substr(0, body.find_last_not_of('\n') + 1);
 }
@@ -47,11 +53,10 @@ tXmlQvtDocument newDoc(const char* root) {
 // Bytes that are no character an XML document may hold each become U+FFFD;
 // every boundary of UTF-8 and of the characters XML allows is tried.
 TEST(XmlTextTest, OnlyCharactersXmlCanCarryAreKept) {
-  for (const char* text :
-       {"\t\n\r ~\x7f", "\xc2\x80\xdf\xbf", "\xe0\xa0\x80\xed\x9f\xbf",
-        "\xee\x80\x80\xef\xbf\xbd", "\xf0\x90\x80\x80\xf4\x8f\xbf\xbf"}) {
-    EXPECT_EQ(text, asXmlText(text));
-  }
+  const char* kept =
+      "\t\n\r ~\x7f\xc2\x80\xdf\xbf\xe0\xa0\x80\xed\x9f\xbf\xee\x80\x80\xef"
+      "\xbf\xbd\xf0\x90\x80\x80\xf4\x8f\xbf\xbf";
+  EXPECT_EQ(kept, asXmlText(kept));
   const struct {
     const char *in, *out;
   } replaced[] = {
@@ -67,103 +72,79 @@ TEST(XmlTextTest, OnlyCharactersXmlCanCarryAreKept) {
 
 // One status object through the states; what a state left behind shows
 // only where the format says so (the deploy counts on the root). Outside
-// text is made safe; no element carries the pid.
-TEST(MigrationStatusTest, EachStateWritesItsDocument) {
+// text is made safe; no element carries the pid. Each save replaces the
+// panel's file whole: a reader that opened it before still reads the old
+// document, and nothing stays beside it.
+TEST(MigrationStatusTest, EachStateWritesItsDocumentForThePanel) {
   ferrow_test::ensurePanelAccount();
   TempDir dir;
   std::unique_ptr<MigrationStatus> s = createMigrationStatusFile();
   SessionLifetimeController session(dir.path() + "/s");
+  const std::string file = theSession->getStatusFileName(),
+                    m = "<migration-status", e = "</migration-status>";
   auto saved = [&] {
     s->saveFile();
-    return bodyOf(readFile(theSession->getStatusFileName()));
+    return bodyOf(readFile(file)).substr(m.size());
   };
   s->setAgentParams("h\x01");
   s->setAgentOperation(MigrationStatus::deploy);
-  std::string text = saved();
+  EXPECT_EQ("><agent action=\"deploy\"><host>h" R "</host></agent>" + e,
+            saved());
+  std::ifstream before(file);
   s->setTransferSpeed("5");
   s->setTransferTotals("10", "2048");
   s->setTransferFilesLeft("9");
   s->setCurrentFile("a.tgz", "300");
   s->setTransferCurrentFileSizeLeft("120");
-  text += saved();
+  const std::string transfer = "><transfer speed=\"5\"><host>h" R "</host>";
+  EXPECT_EQ(transfer +
+                "<files total=\"10\" left=\"9\" size-total=\"2048\" size-left="
+                "\"2048\"><current-file size=\"300\" size-left=\"120\">a.tgz"
+                "</current-file></files></transfer>" +
+                e,
+            saved());
+  EXPECT_EQ(m + "><agent action=\"deploy\"><host>h" R "</host></agent>" + e,
+            bodyOf(std::string(std::istreambuf_iterator<char>(before), {})));
   s->setTransferTotals("3", "");  // sizes show only when both are known
   s->setTransferSizeLeft("5");
   s->setCurrentFile("b.tgz", "");
-  text += saved();
+  EXPECT_EQ(transfer +
+                "<files total=\"3\" left=\"3\"><current-file>b.tgz"
+                "</current-file></files></transfer>" +
+                e,
+            saved());
+  const std::string deploy = " total-accounts=\"4\" total-domains=\"7\" ";
   s->setDeployTotals("4", "7");
-  text += saved();
+  EXPECT_EQ(deploy + "completed-accounts=\"\" completed-domains=\"\"/>",
+            saved());
   s->setDeploy("1", "2");
   s->setCurrentObject("jdoe", MigrationStatus::account);
-  text += saved();
+  const std::string done = "completed-accounts=\"1\" completed-domains=\"2\">";
+  EXPECT_EQ(deploy + done +
+                "<current-object type=\"account\">jdoe</current-object>" + e,
+            saved());
   s->setIdle();
-  text += saved();
-  const std::string m = "<migration-status", e = "</migration-status>",
-                    deploy = m + " total-accounts=\"4\" total-domains=\"7\" ";
-  EXPECT_EQ(m + "><agent action=\"deploy\"><host>h" R "</host></agent>" + e +
-                m +
-                "><transfer speed=\"5\"><host>h" R
-                "</host><files total="
-                "\"10\" left=\"9\" size-total=\"2048\" size-left=\"2048\">"
-                "<current-file size=\"300\" size-left=\"120\">a.tgz</current"
-                "-file></files></transfer>" +
-                e + m +
-                "><transfer speed=\"5\">"
-                "<host>h" R
-                "</host><files total=\"3\" left=\"3\"><current-file>"
-                "b.tgz</current-file></files></transfer>" +
-                e + deploy +
-                "completed-accounts=\"\" completed-domains=\"\"/>" + deploy +
-                "completed-accounts=\"1\" completed-domains=\"2\"><current-"
-                "object type=\"account\">jdoe</current-object>" +
-                e + deploy +
-                "completed-accounts=\"1\" completed-domains=\"2\"><idle/>" + e,
-            text);
-}
-
-// The file is the panel's, holds what a plain save writes whether it is
-// made or replaced, and nothing stays beside it. A reader that opened it
-// before a save still reads the whole old document.
-TEST(AtomicSaveTest, WritesACompleteFileForThePanel) {
-  ferrow_test::ensurePanelAccount();
-  TempDir dir;
-  tXmlQvtDocument doc = newDoc("r");
-  xmlNodePtr host = doc.newTextChild(doc.getRoot(), "host", "h\xC3\xA9<&>");
-  const std::string plain = dir.path() + "/plain", target = dir.path() + "/s";
-  doc.saveToFile(plain);
-  doc.saveToFileAtomically(target);
-  EXPECT_EQ(readFile(plain), readFile(target));
-  std::ifstream before(target);
-  XmlNode(host).saveToFileAtomically(target);
-  EXPECT_EQ("<host>h\xC3\xA9&lt;&amp;&gt;</host>", bodyOf(readFile(target)));
-  std::stringstream old;
-  old << before.rdbuf();
-  EXPECT_EQ(readFile(plain), old.str());
+  EXPECT_EQ(deploy + done + "<idle/>" + e, saved());
   const passwd* panel = getpwnam("dyradm");
   EXPECT_EQ("f " + std::to_string(panel->pw_uid) + ":" +
                 std::to_string(panel->pw_gid) + " 0640",
-            testing_util::describe(target));
-  EXPECT_EQ(2, std::distance(boost::filesystem::directory_iterator(dir.path()),
-                             boost::filesystem::directory_iterator()));
+            testing_util::describe(file));
+  EXPECT_EQ(
+      2, std::distance(boost::filesystem::directory_iterator(dir.path() + "/s"),
+                       {}));
 }
 
-// No temporary file in a missing directory; a directory cannot be replaced
-// by a file; a write that fails (here past the file size limit) keeps the
-// old document.
+// A node saves alone; no temporary file in a missing directory; a directory
+// cannot be replaced by a file; a write that fails (here past the file size
+// limit) keeps the old document.
 TEST(AtomicSaveTest, FailuresNameTheFilesAndKeepTheTarget) {
   TempDir dir;
   tXmlQvtDocument doc = newDoc("r");
+  const std::string target = dir.path() + "/s", inside = target + "/inside";
+  XmlNode(doc.newTextChild(doc.getRoot(), "host", "h\xC3\xA9<&>"))
+      .saveToFileAtomically(target);
+  EXPECT_EQ("<host>h\xC3\xA9&lt;&amp;&gt;</host>", bodyOf(readFile(target)));
   doc.newTextChild(doc.getRoot(), "h", std::string(100000, 'h'));
-  const std::string target = dir.path() + "/s";
-  EXPECT_THAT(messageOf<&tError_SaveFile>(
-                  [&] { doc.saveToFileAtomically(target + "/s"); }),
-              HasSubstr("'" + target + "/s'"));
-  boost::filesystem::create_directories(target + "/inside");
-  EXPECT_THAT(
-      messageOf<&CantRenameFile>([&] { doc.saveToFileAtomically(target); }),
-      testing::MatchesRegex("Cannot rename " + target + ".* to " + target +
-                            ": Is a directory"));
-  boost::filesystem::remove_all(target);
-  writeFile(target, "old");
   rlimit saved, small = {4096, RLIM_INFINITY};
   getrlimit(RLIMIT_FSIZE, &saved);
   signal(SIGXFSZ, SIG_IGN);
@@ -172,7 +153,16 @@ TEST(AtomicSaveTest, FailuresNameTheFilesAndKeepTheTarget) {
       messageOf<&tError_SaveFile>([&] { doc.saveToFileAtomically(target); });
   setrlimit(RLIMIT_FSIZE, &saved);
   EXPECT_THAT(message, HasSubstr("'" + target));
-  EXPECT_EQ("old", readFile(target));
+  EXPECT_EQ("<host>h\xC3\xA9&lt;&amp;&gt;</host>", bodyOf(readFile(target)));
+  boost::filesystem::remove(target);
+  boost::filesystem::create_directories(inside);
+  EXPECT_THAT(messageOf<&tError_SaveFile>(
+                  [&] { doc.saveToFileAtomically(inside + "/no/s"); }),
+              HasSubstr("'" + inside + "/no/s'"));
+  EXPECT_THAT(
+      messageOf<&CantRenameFile>([&] { doc.saveToFileAtomically(target); }),
+      MatchesRegex("Cannot rename " + target + ".* to " + target +
+                   ": Is a directory"));
 }
 
 // Names are joined to directories unchecked and sizes feed signed counters:
@@ -207,21 +197,25 @@ TEST(ContentListTest, HostileNamesAndSizesAreRefused) {
   }
 }
 
-// Parser messages go into the error, not to standard error; names must be
-// regular files; missing roots, children, attributes and parents are named.
+// Parser messages go into the error, not to standard error; "-" is standard
+// input, other names must be regular files; missing roots, children,
+// attributes and parents are named.
 TEST(XmlDocumentTest, ReadingFailuresAreNamed) {
   TempDir dir;
   const std::string file = dir.path() + "/in.xml";
   writeFile(file,
             "<agentstatus><x/><statusfile>/a/s</statusfile></agentstatus>");
   testing::internal::CaptureStderr();
-  EXPECT_THAT(
-      messageOf<&tError_ParseFile>(
-          [] { tXmlDocument(std::string("<a></b>")); }),
-      testing::MatchesRegex("The XML file in-memory buffer .*:\n.*mismatch.*"));
+  EXPECT_THAT(messageOf<&tError_ParseFile>(
+                  [] { tXmlDocument(std::string("<a></b>")); }),
+              MatchesRegex("The XML file in-memory buffer .*:\n.*mismatch.*"));
   EXPECT_EQ("", testing::internal::GetCapturedStderr());
-  EXPECT_EQ("/a/s", XmlAgentDeploymentStatusDocument(file)
-                        .getAgentDeploymentStatusFileName());
+  const int in = dup(0), fd = open(file.c_str(), O_RDONLY);
+  dup2(fd, 0);
+  XmlAgentDeploymentStatusDocument status("-");
+  dup2(in, 0);
+  close(in + 0 * close(fd));
+  EXPECT_EQ("/a/s", status.getAgentDeploymentStatusFileName());
   for (const std::string& bad : {dir.path() + "/missing", dir.path()}) {
     EXPECT_THAT(messageOf<&tError_WrongInputFile>(
                     [&] { tXmlDocument doc{boost::filesystem::path(bad)}; }),
@@ -244,7 +238,8 @@ TEST(XmlDocumentTest, ReadingFailuresAreNamed) {
 
 // A text child without a parent adds nothing (the status file's pid relies
 // on it); an attribute set twice keeps the second value; copies share the
-// document; a failed save logs the library's reason.
+// document; a failed save logs the library's reason. The agents list and an
+// exception with its cause (the cause a warning here) print as documents.
 TEST(XmlDocumentTest, BuildingAndSaving) {
   std::unique_ptr<tXmlQvtDocument> original(
       new tXmlQvtDocument(newDoc("root")));
@@ -255,8 +250,23 @@ TEST(XmlDocumentTest, BuildingAndSaving) {
   EXPECT_EQ(nullptr, doc.newTextChild(nullptr, "pid", "42"));
   EXPECT_EQ("t&1",
             doc.getNodeText(doc.newTextChild(doc.getRoot(), "t", "t&1")));
-  EXPECT_EQ("<root speed=\"2\"><t>t&amp;1</t></root>",
-            bodyOf(doc.saveToString()));
+  const Exc<&SshConnectionFault> cause("", "", 0);
+  const Exc<&CantRetrieveDump> outer(cause, "", "", 0);
+  XmlMsgFormatter formatter(doc, doc.newChild(doc.getRoot(), "message"));
+  outer.accept(formatter);
+  formatter.setSeverity(4);
+  EXPECT_EQ(
+      "<root speed=\"2\"><t>t&amp;1</t><message code=\"CantRetrieveDump"
+      "\" id=\"" +
+          outer.id() +
+          "\" severity=\"error\"><description>"
+          "Error during dump retrieval</description><message code=\"Ssh"
+          "ConnectionFault\" id=\"" +
+          outer.inner()->id() +
+          "\" severity=\""
+          "warning\"><description>Lost connection with the remote host</"
+          "description></message></message></root>",
+      bodyOf(doc.saveToString()));
   EXPECT_EQ(
       "#0002: Can not create new node",
       messageOf<&tError_XmlInternal>([&] { doc.newChild(nullptr, "x"); }));
@@ -264,7 +274,16 @@ TEST(XmlDocumentTest, BuildingAndSaving) {
   EXPECT_EQ(
       "Can not save the XML document to file '/no/out.xml'",
       messageOf<&tError_SaveFile>([&] { doc.saveToFile("/no/out.xml"); }));
-  EXPECT_THAT(log.lines_, testing::ElementsAre(HasSubstr(strerror(ENOENT))));
+  EXPECT_THAT(log.text_, HasSubstr(strerror(ENOENT)));
+  EXPECT_EQ(1, log.count_);
+  std::unique_ptr<AgentsList> agents = createAgentsListFile();
+  agents->addAgent("sample", "A <b>");
+  testing::internal::CaptureStdout();
+  agents->saveDocToStdout();
+  EXPECT_EQ(
+      "<agents-list><agent><name>sample</name><description>A &lt;b&gt;"
+      "</description></agent></agents-list>",
+      bodyOf(testing::internal::GetCapturedStdout()));
 }
 
 TEST(XPathTest, NodeSetsStringsAndFailures) {
@@ -284,6 +303,55 @@ TEST(XPathTest, NodeSetsStringsAndFailures) {
   EXPECT_THAT(messageOf<&tError_XPath_TypesMismatch>(
                   [&] { tXPathExpr(doc, "//i").str(); }),
               HasSubstr("'//i' is not a 'string'"));
+}
+
+// Validation names the DTD and the fault; a stylesheet applies with its
+// parameters or stops; the schema check runs the product's proxy tool with
+// the two files.
+TEST(DtdXsltTest, ValidationTransformationAndSchema) {
+  TempDir dir;
+  const std::string dtd = "<!ELEMENT l (i*)><!ELEMENT i (#PCDATA)>",
+                    dtdFile = dir.path() + "/l.dtd", xsl = dir.path() + "/t";
+  writeFile(dtdFile, dtd);
+  const tExternalDtdDoc external(dtdFile);
+  const std::string doctype = "<!DOCTYPE l [" + dtd + "]>";
+  const tXmlDocument good(std::string("<l><i/></l>"));
+  validateWithInternalDtd(tXmlDocument(doctype + "<l/>"));
+  validateWithExternalDtd(good, external);
+  const tXmlDocument bad(std::string("<l><bad/></l>")),
+      badInside(doctype + "<l><bad/></l>");
+  EXPECT_THAT(
+      messageOf<&InternalDtdValidationFailed>(
+          [&] { validateWithInternalDtd(badInside); }) +
+          "|" + messageOf<&ExternalDtdValidationFailed>([&] {
+            validateWithExternalDtd(bad, external);
+          }),
+      MatchesRegex(
+          ".*its internal DTD. The errors are: .*bad.*\\|.*external DTD " +
+          dtdFile + ". The errors are: .*bad.*"));
+  EXPECT_EQ("The DTD file /no.dtd is invalid",
+            messageOf<&InvalidDtdFile>([] { tExternalDtdDoc("/no.dtd"); }));
+  const std::string head =
+      "<xsl:stylesheet version=\"1.0\" xmlns:xsl=\"http://www.w3.org/1999/XSL/"
+      "Transform\"><xsl:param name=\"t\"/><xsl:template match=\"/l\">";
+  writeFile(xsl, head +
+                     "<o t=\"{$t}\"><xsl:value-of select=\"count(i)\"/>"
+                     "</o></xsl:template></xsl:stylesheet>");
+  EXPECT_EQ("<o t=\"x\">1</o>",
+            bodyOf(apply_stylesheet(tXsltStylesheet(xsl), good, {{"t", "'x'"}})
+                       .saveToString()));
+  writeFile(xsl, head +
+                     "<xsl:message terminate=\"yes\">stop</xsl:message>"
+                     "</xsl:template></xsl:stylesheet>");
+  messageOf<&tError_Xslt_ApplyStylesheetTerminated>(
+      [&] { apply_stylesheet(tXsltStylesheet(xsl), good); });
+  writeFile(xsl, "<xsl:stylesheet");
+  messageOf<&tError_XslParse_CanNotParseFile>(
+      [&] { tXsltStylesheet style(xsl); });
+  EXPECT_THAT(
+      messageOf<&ExecCmd::Failed>([] { validateSchema("/d.xml", "/s.xsd"); }),
+      HasSubstr("/admin/sbin/libxml-proxy --validate-xml --xml-file=/d.xml "
+                "--xsd-file=/s.xsd failed"));
 }
 
 }  // namespace
