@@ -25,10 +25,14 @@ TEST(ProgressLineTest, Wording) {
   const struct {
     int64_t value;
     const char *bytes, *duration;
-  } units[] = {{0, "0 B", "0:00"},           {7, "7 B", "0:07"},
-               {754, "754 B", "12:34"},      {1023, "1023 B", "17:03"},
-               {1024, "1.0 KiB", "17:04"},   {1536, "1.5 KiB", "25:36"},
-               {3599, "3.5 KiB", "59:59"},   {3723, "3.6 KiB", "1:02:03"},
+  } units[] = {{0, "0 B", "0:00"},
+               {7, "7 B", "0:07"},
+               {754, "754 B", "12:34"},
+               {1023, "1023 B", "17:03"},
+               {1024, "1.0 KiB", "17:04"},
+               {1536, "1.5 KiB", "25:36"},
+               {3599, "3.5 KiB", "59:59"},
+               {3723, "3.6 KiB", "1:02:03"},
                {360000, "351.6 KiB", "100:00:00"},
                {13107200, "12.5 MiB", nullptr},
                {3LL << 30, "3.0 GiB", nullptr},
@@ -53,7 +57,8 @@ TEST(ProgressLineTest, Wording) {
       // No speed yet, no estimate.
       {figures(2, 2, 4096, 1024, 0),
        "2 of 2 files left, 3.0 KiB of 4.0 KiB (75%), 0 B/s, --:-- left"},
-      {figures(0, 0, 0, 0, 0), "0 of 0 files left, 0 B of 0 B, 0 B/s, 0:00 left"},
+      {figures(0, 0, 0, 0, 0),
+       "0 of 0 files left, 0 B of 0 B, 0 B/s, 0:00 left"},
       // Done, some skipped (their bytes never counted as fetched).
       {figures(3, 0, 3072, 1024, 0),
        "0 of 3 files left, 2.0 KiB of 3.0 KiB (66%), 0 B/s, 0:00 left"},
