@@ -29,29 +29,26 @@ std::string messageOf(const std::function<void()>& body) {
   return std::string();
 }
 
-// The host log lines written while it lives, joined by "|" (installing a
-// sink replays earlier lines: those are dropped).
+// The host log lines written while it lives, each followed by "|"
+// (installing a sink replays earlier lines: those are dropped).
 struct HostLogCapture {
   HostLogCapture() {
-    setHostLogSink([this](HostLogLevel, const std::string& line) {
-      text_ += (count_++ ? "|" : "") + line;
-    });
+    setHostLogSink(
+        [this](HostLogLevel, const std::string& line) { text_ += line + "|"; });
     text_.clear();
-    count_ = 0;
   }
   ~HostLogCapture() { setHostLogSink(HostLogSink()); }
   std::string text_;
-  int count_ = 0;
 };
 
 // "d 0:0 0750": directory or file, owner, group, permissions; or "missing".
 inline std::string describe(const std::string& path) {
   struct stat st;
   if (stat(path.c_str(), &st) != 0) return "missing";
-  char mode[8];
-  snprintf(mode, sizeof mode, " 0%o", st.st_mode & 0777);
   return std::string(S_ISDIR(st.st_mode) ? "d " : "f ") +
-         std::to_string(st.st_uid) + ":" + std::to_string(st.st_gid) + mode;
+         std::to_string(st.st_uid) + ":" + std::to_string(st.st_gid) + " 0" +
+         std::to_string(st.st_mode >> 6 & 7) +
+         std::to_string(st.st_mode >> 3 & 7) + std::to_string(st.st_mode & 7);
 }
 
 }  // namespace testing_util
