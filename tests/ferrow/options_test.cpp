@@ -75,29 +75,27 @@ class OptionsTest : public ::testing::Test {
   }
 };
 
-TEST_F(OptionsTest, ScannerFindsTheActionOrRefuses) {
+TEST_F(OptionsTest, ScannerFillsTheRecordOrRefuses) {
   // "-xh" leaves the scanner inside a cluster: the next call must start
-  // afresh and not see its "h".
-  for (const char* bad : {"--send-scout --bogus", "--host", "--dump",
-                          "--send-scout=yes", "-xh --send-scout"})
+  // afresh and not see its "h". Unknown options, missing values and help
+  // winning are seen from outside in tests/cli.
+  for (const char* bad : {"--dump", "--send-scout=yes", "-xh --send-scout"})
     parse(bad, false);
-  std::vector<int> actions;
+  // The action, then the port: 0 when absent, -1 outside [1, 65535]; strtol
+  // reads the leading number.
+  std::string scanned;
   for (const char* line :
-       {"--send-scout", "--deploy-agent", "--get-dumping-status",
-        "--dump-selected", "--dump-all", "--get-content", "--remove-agent",
-        "--remove-dumping-status", "--help", "--host h",
-        "--dump-all --dump-selected", "--get-content --get-content",
-        "--send-scout -h", "--help --send-scout",
-        "--dump-all --dump-selected -h"})
-    actions.push_back(parse(line).action);
-  // Help wins wherever it stands.
-  EXPECT_EQ((std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7, kHelp, kNoAction,
-                              kManyActions, kManyActions, kHelp, kHelp, kHelp}),
-            actions);
-}
-
-TEST_F(OptionsTest, ValuesLandInTheirFieldsLaterOneWins) {
-  // The selection, transport and switches are read by the tests below.
+       {"--send-scout --port=1", "--deploy-agent --port 65535",
+        "--get-dumping-status --port=0", "--dump-selected --port=65536",
+        "--dump-all --port=abc", "--get-content --port=-22",
+        "--remove-agent --port=2222x", "--remove-dumping-status",
+        "--port=abc --port=22", "--send-scout -h",
+        "--get-content --get-content"}) {
+    config c = parse(line);
+    scanned += std::to_string(c.action) + "/" + std::to_string(c.port) + " ";
+  }
+  EXPECT_EQ("0/1 1/65535 2/-1 3/-1 4/-1 5/-1 6/2222 7/0 -1/22 8/0 -2/0 ",
+            scanned);
   config cfg = parse(
       "--ip=old --host h1 --login --dump-all --agent-dir=ad --agent-name an "
       "--dumps-dir=dd --session-path /s --only-hosting --only-mail --verbose");
@@ -109,14 +107,6 @@ TEST_F(OptionsTest, ValuesLandInTheirFieldsLaterOneWins) {
                 std::to_string(cfg.verbose));
   EXPECT_EQ(2, parse("--only-mail --only-hosting").only);
   EXPECT_EQ("new", parse("--host=old --ip=new").host);
-  // Port: 0 when absent, -1 outside [1, 65535]; strtol reads the leading
-  // number.
-  std::vector<int> ports;
-  for (const char* line :
-       {"", "--port=1", "--port 65535", "--port=0", "--port=65536",
-        "--port=abc", "--port=-22", "--port=2222x", "--port=abc --port=22"})
-    ports.push_back(parse(line).port);
-  EXPECT_EQ((std::vector<int>{0, 1, 65535, -1, -1, -1, -1, 2222, 22}), ports);
 }
 
 TEST_F(OptionsTest, PasswordsComeFromTheEnvironment) {
@@ -152,8 +142,6 @@ TEST_F(OptionsTest, RefusalsComeInTheirOrder) {
   const std::string login = "DYR_PASSWORD=p --host=h --login=l ";
   const std::string agent = login + "--agent-dir=a --agent-name=n ";
   EXPECT_EQ(no + "No action given", refusal("--no-check-space"));
-  EXPECT_EQ(no + "More than one action is given",
-            refusal("--dump-all --get-content --no-check-space"));
   EXPECT_EQ(onlyWith("no-check-space", "get-content"),
             refusal(agent + "--deploy-agent --no-check-space --no-content"));
   EXPECT_EQ(onlyWith("no-encryption", "get-content"),
