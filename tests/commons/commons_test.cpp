@@ -31,9 +31,8 @@ using testing_util::describe;
 using testing_util::HostLogCapture;
 using testing_util::messageOf;
 
-// Trailing white space (the newline included) loses its last character only
-// when the run is of odd length: files in use rely on it. The record grows
-// past 20 slots, is searched sorted once read, linearly after a later set.
+// An odd run of trailing white space loses one character (files in use rely
+// on it); the record grows, is searched sorted, linearly after a later set.
 TEST(ConfReaderTest, ParsesTrimsLogsAndGrows) {
   std::string text =
       "# ROOT_D /x\n  # Y z\n\n \t \nCLEAN /a b\nTWO /a b  \nONE /a b \n"
@@ -70,9 +69,8 @@ TEST(ConfReaderTest, ParsesTrimsLogsAndGrows) {
   conf_free_r(&conf);
 }
 
-// A missing file gives the defaults and is tried again; a file once read
-// stays cached. Temporary names go to the directory, else DUMP_TMP_D, else
-// the product's tmp.
+// A missing file gives the defaults and is tried again; a file read stays
+// cached. Temporary names: the directory, else DUMP_TMP_D, else the product's.
 TEST(DyrConfTest, DefaultsUntilTheFileIsReadThenCached) {
   ferrow_test::TempDir dir;
   const std::string path = dir.path() + "/dyr.conf";
@@ -111,12 +109,8 @@ ExecCmd shell(const std::string& script, const std::string& input = "") {
   return cmd;
 }
 
-// The report holds the non-empty sections; a death by signal is -1; a
-// program or user that cannot be had is 127 (a child back in this code would
-// carry on with the test: it ends with 42). The child fills its error pipe
-// before reading: all three streams are served at once. A child that stops
-// reading leaves SIGPIPE neither blocked nor pending. The environment set
-// and the user reach the child only.
+// A child back in this code after a failed exec would run the test on: it
+// ends with 42. The child fills its error pipe before reading its input.
 TEST(ExecCmdTest, StreamsCodesAndReports) {
   const pid_t parent = getpid();
   ExecCmd failing = shell("cat; printf E >&2; exit 3", "in"), unknown("id");
@@ -148,12 +142,12 @@ TEST(ExecCmdTest, StreamsCodesAndReports) {
   env.setEnv("V", "a b $c");
   env.setUser("nobody");
   ASSERT_EQ(0, env.exec());
-  EXPECT_EQ("a b $c|65534\n65534\n", env.getOutput() + (getenv("V") ?: ""));
+  EXPECT_EQ("a b $c|65534\n65534\n",
+            env.getOutput() + (getenv("V") ? "leaked" : ""));
 }
 
-// Exactly the shell's 19 metacharacters take a backslash and a line feed is
-// quoted; every non-zero byte, alone, among letters and all together, comes
-// back whole from both shells, an empty word vanishing.
+// Every non-zero byte, alone, among letters and all together, comes back
+// whole from both shells.
 TEST(ShQuoteTest, EveryNonZeroByteRoundTripsThroughTheShells) {
   std::string backslashed, all, expected;
   ArgsBuilder line("printf");
@@ -179,9 +173,8 @@ TEST(ShQuoteTest, EveryNonZeroByteRoundTripsThroughTheShells) {
   }
 }
 
-// Sizes around the 4096-byte read chunk as md5sum(1) gives them, a broken
-// stream, and pieces of any size (empty ones included) that give the sum of
-// the whole; a finished digest starts a new sum.
+// Sizes around the 4096-byte read chunk as md5sum(1) gives them; pieces of
+// any size give the sum of the whole; a finished digest starts a new sum.
 TEST(ChecksumTest, DigestFedInPiecesMatchesTheWhole) {
   std::istringstream in4096(ferrow_test::archiveBytes(4096, 3)),
       in4097(ferrow_test::archiveBytes(4097, 3)), broken("data");
@@ -246,8 +239,7 @@ TEST(SecretsTest, EverySecretIsMaskedWholeOrSplit) {
   clearSecrets();
 }
 
-// Only missing levels are made, owned as asked, with the umask applied.
-// Temporary files and reserves are made where asked or fail naming it; free
+// Only missing levels are made, owned as asked, with the umask applied; free
 // space must cover the need, equality passing.
 TEST(FilesTest, DirectoriesTemporaryFilesAndFreeSpace) {
   ferrow_test::TempDir dir;
@@ -283,8 +275,7 @@ TEST(FilesTest, DirectoriesTemporaryFilesAndFreeSpace) {
   EXPECT_TRUE(boost::filesystem::is_empty(y)) << "the reserve is removed";
 }
 
-// Letters and digits only, whatever rand() gives; a strong password holds
-// digits, capitals and small letters in turn, whatever the shuffle.
+// A strong password holds digits, capitals and small letters in turn.
 TEST(RandomStringsTest, PasswordsDrawFromTheirAlphabets) {
   std::string passwords, classes;
   for (int i = 0; i < 50; ++i) passwords += randomPasswd();
@@ -298,9 +289,8 @@ TEST(RandomStringsTest, PasswordsDrawFromTheirAlphabets) {
   EXPECT_EQ("||0|0A|0Aa|00Aa|00AAa|00AAaa|000AAaa|", classes);
 }
 
-// A run must not read the password database at every status save, yet an
-// account that appears while it runs is found. The account is this test's
-// own: other programs look up theirs at the same time.
+// Found accounts are remembered (status saves look them up), missing ones
+// not. The account is this test's own: other programs run at the same time.
 TEST(AccountsTest, RemembersFoundAccountsButNotMissingOnes) {
   const std::string name = "ferrowcachetest", del = "userdel " + name;
   std::system((del + " 2>/dev/null").c_str());

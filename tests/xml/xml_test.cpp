@@ -43,8 +43,7 @@ std::string bodyOf(const std::string& text) {
   return body.substr(0, body.find_last_not_of('\n') + 1);
 }
 
-// Bytes that are no character an XML document may hold each become U+FFFD;
-// every boundary of UTF-8 and of the characters XML allows is tried.
+// Every boundary of UTF-8 and of the characters XML allows is tried.
 TEST(XmlTextTest, OnlyCharactersXmlCanCarryAreKept) {
   const char* kept =
       "\t\n\r ~\x7f\xc2\x80\xdf\xbf\xe0\xa0\x80\xed\x9f\xbf\xee\x80\x80\xef"
@@ -57,9 +56,8 @@ TEST(XmlTextTest, OnlyCharactersXmlCanCarryAreKept) {
                       "\x80\x80|\xf5\x80\x80\x80|\xe2\x82|\xe2(\xa1"));
 }
 
-// One status object through the states; what a state left behind shows
-// only where the format says so (the deploy counts on the root). Outside
-// text is made safe; no element carries the pid; the file is the panel's.
+// What a state left behind shows only where the format says so (the deploy
+// counts on the root); no element carries the pid.
 TEST(MigrationStatusTest, EachStateWritesItsDocumentForThePanel) {
   ferrow_test::ensurePanelAccount();
   TempDir dir;
@@ -114,9 +112,7 @@ TEST(MigrationStatusTest, EachStateWritesItsDocumentForThePanel) {
             testing_util::describe(file));
 }
 
-// A node saves alone; a write that fails (here past the file size limit)
-// keeps the old document; no temporary file in a missing directory; a
-// directory cannot be replaced by a file.
+// A write that fails (here past the file size limit) keeps the old file.
 TEST(AtomicSaveTest, FailuresNameTheFilesAndKeepTheTarget) {
   TempDir dir;
   tXmlQvtDocument doc;
@@ -176,9 +172,7 @@ TEST(ContentListTest, HostileNamesAndSizesAreRefused) {
       messageOf<&tError_WrongContent>([&] { list->getTotalSize(); }));
 }
 
-// Parser messages go into the error, not to standard error; "-" is standard
-// input, other names must be regular files; missing roots, children,
-// attributes and parents are named.
+// Parser messages go into the error, not to standard error.
 TEST(XmlDocumentTest, ReadingFailuresAreNamed) {
   TempDir dir;
   const std::string file = dir.path() + "/in.xml";
@@ -214,9 +208,7 @@ TEST(XmlDocumentTest, ReadingFailuresAreNamed) {
 }
 
 // A text child without a parent adds nothing (the status file's pid relies
-// on it); an attribute set twice keeps the second value; copies share the
-// document; a failed save logs the library's reason. An exception with its
-// cause (a warning here) and the agents list print as documents.
+// on it); copies share the document.
 TEST(XmlDocumentTest, BuildingAndSaving) {
   std::unique_ptr<tXmlQvtDocument> original(new tXmlQvtDocument());
   original->initNewDoc("root");
@@ -282,9 +274,7 @@ TEST(XPathTest, NodeSetsStringsAndFailures) {
               MatchesRegex(".*expression '//i\\['.*'//i' is not a 'string'.*"));
 }
 
-// Validation names the DTD and the fault; a stylesheet applies with its
-// parameters or stops; the schema check runs the product's proxy tool on
-// the two files.
+// The schema check runs the product's proxy tool, missing here.
 TEST(DtdXsltTest, ValidationTransformationAndSchema) {
   TempDir dir;
   const std::string dtd = "<!ELEMENT l (i*)><!ELEMENT i (#PCDATA)>",
