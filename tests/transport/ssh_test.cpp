@@ -1,16 +1,26 @@
 // The SSH transport against the real sshd on 127.0.0.1: login, remote
 // commands with their streams and status, transfers by cat, lost
-// connections and the termination flag.
+// connections and the termination flag; the receiving file, and the
+// follower that sums exactly what the writer reported, however it is cut,
+// leaves no thread behind and never takes a signal meant for the process.
+#include <dirent.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <libssh2.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <chrono>
+#include <fstream>
+#include <functional>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "commons/checksum.h"
 #include "commons/socket.h"
@@ -19,6 +29,8 @@
 #include "support/log_capture.h"
 #include "support/sshd_server.h"
 #include "support/test_bytes.h"
+#include "transport/file_follower.h"
+#include "transport/receiving_file.h"
 #include "transport/session.h"
 #include "transport/ssh_transfer.h"
 
@@ -35,22 +47,24 @@ std::unique_ptr<Ssh> login(const TestAccount& account) {
                                false, SshdServer::shared().port());
 }
 
-struct Outcome {
-  int status;
-  std::string out, err;
-};
-
-Outcome run(Ssh& ssh, const std::string& command, const std::string& input = "",
-            Ssh::Counter& counter = Ssh::null_counter) {
+// Runs command; "STATUS|OUT|ERR".
+std::string run(Ssh& ssh, const std::string& command,
+                const std::string& input = "",
+                Ssh::Counter& counter = Ssh::null_counter) {
   std::istringstream in(input);
   std::ostringstream out, err;
   int status = ssh.exec(command, in, out, err, false, false, counter);
-  return {status, out.str(), err.str()};
+  return std::to_string(status) + "|" + out.str() + "|" + err.str();
 }
 
+// Counts, or at its first chunk calls onFirst.
 struct Counting : Ssh::Counter {
-  void update(size_t bytes) override { total += bytes, ++chunks; }
+  void update(size_t bytes) override {
+    if (chunks++ == 0 && onFirst) onFirst();
+    total += bytes;
+  }
   size_t total = 0, chunks = 0;
+  std::function<void()> onFirst;
 };
 
 class SshTest : public ::testing::Test {
@@ -58,42 +72,36 @@ class SshTest : public ::testing::Test {
   static void SetUpTestSuite() { SshdServer::shared(); }
 };
 
-// Archives travel on exec channels: their window must be far beyond the
-// 64 KiB of the library's default for a long round trip.
-TEST_F(SshTest, ExecChannelsOfferTheLargeWindow) {
+TEST_F(SshTest, StatusStreamsInputAndSignals) {
+  std::unique_ptr<Ssh> ssh = login(plainAccount());
+  EXPECT_EQ(run(*ssh, "echo out; echo err >&2; exit 3"), "3|out\n|err\n");
+  // cat ends only when its input does: EOF is sent at once.
+  EXPECT_EQ(run(*ssh, "cat"), "0||");
+  EXPECT_EQ(run(*ssh, "cat; echo done", "a line\nno break"),
+            "0|a line\nno breakdone\n|");
+  EXPECT_EQ(run(*ssh, "exit 4", std::string(4 << 20, 'x')), "4||");
+  // A command killed by a signal does not look successful.
+  EXPECT_EQ(run(*ssh, "kill -9 $$") + run(*ssh, "kill -TERM $$"),
+            std::to_string(128 + SIGKILL) + "||" +
+                std::to_string(128 + SIGTERM) + "||");
+  Counting counter;
+  EXPECT_TRUE(run(*ssh, "head -c 300000 /dev/zero; echo noise >&2", "",
+                  counter) == "0|" + std::string(300000, '\0') + "|noise\n");
+  EXPECT_EQ(counter.total, 300000u);  // standard output only
+  EXPECT_GE(counter.chunks, 5u);      // chunks of at most 64 KiB
+
+  // Archives travel on exec channels: their window must be far beyond the
+  // 64 KiB of the library's default for a long round trip.
   tovel::Socket socket("127.0.0.1", SshdServer::shared().port());
   tovel::libssh2pp::Session session(socket.fd(), false, false);
   session.authorize(rootAccount().name, rootAccount().password);
   using tovel::libssh2pp::Channel;
   for (auto mode : {Channel::kBlocking, Channel::kNonBlocking}) {
-    std::unique_ptr<Channel> channel = session.openExecChannel("true", mode);
     unsigned long initial = 0;
-    libssh2_channel_window_read_ex(channel->get(), nullptr, &initial);
+    libssh2_channel_window_read_ex(session.openExecChannel("true", mode)->get(),
+                                   nullptr, &initial);
     EXPECT_EQ(initial, tovel::libssh2pp::Session::kExecChannelWindowSize);
   }
-}
-
-TEST_F(SshTest, StatusStreamsInputAndSignals) {
-  std::unique_ptr<Ssh> ssh = login(plainAccount());
-  Outcome both = run(*ssh, "echo out; echo err >&2; exit 3");
-  EXPECT_EQ(both.status, 3);
-  EXPECT_EQ(both.out, "out\n");
-  EXPECT_EQ(both.err, "err\n");
-  // cat ends only when its input does: EOF is sent at once.
-  EXPECT_EQ(run(*ssh, "cat").status, 0);
-  EXPECT_EQ(run(*ssh, "cat; echo done", "a line\nno break").out,
-            "a line\nno breakdone\n");
-  EXPECT_EQ(run(*ssh, "exit 4", std::string(4 << 20, 'x')).status, 4);
-  // A command killed by a signal does not look successful.
-  EXPECT_EQ(run(*ssh, "kill -9 $$").status, 128 + SIGKILL);
-  EXPECT_EQ(run(*ssh, "kill -TERM $$").status, 128 + SIGTERM);
-
-  Counting counter;
-  Outcome counted = run(*ssh, "head -c 300000 /dev/zero; echo noise >&2; "
-                              "echo more >&2", "", counter);
-  EXPECT_EQ(counted.out.size(), 300000u);
-  EXPECT_EQ(counter.total, 300000u);  // standard output only
-  EXPECT_GE(counter.chunks, 5u);      // chunks of at most 64 KiB
 }
 
 TEST_F(SshTest, LargeInputAndOutputFlowTogether) {
@@ -102,8 +110,8 @@ TEST_F(SshTest, LargeInputAndOutputFlowTogether) {
   const std::string input = archiveBytes(64 << 20, 3);
   std::istringstream in(input);
   std::ostringstream out, err;
-  EXPECT_EQ(login(plainAccount())->exec("cat", in, out, err, true, true,
-                                        Ssh::null_counter),
+  EXPECT_EQ(login(plainAccount())
+                ->exec("cat", in, out, err, true, true, Ssh::null_counter),
             0);
   EXPECT_TRUE(out.str() == input);
 }
@@ -125,15 +133,14 @@ TEST_F(SshTest, PutGetAndReceiveMoveEveryByteAndLogNone) {
   writeFile(local, std::string(4 << 20, 'o'));  // truncated away
   Counting counter;
   Ssh::Receipt receipt = ssh->receive(remote, err, local, counter);
-  EXPECT_EQ(receipt.status, 0);
-  EXPECT_EQ(receipt.writeError, "");
-  EXPECT_EQ(receipt.bytes, content.size());
+  EXPECT_EQ(std::to_string(receipt.status) + "|" + receipt.writeError + "|" +
+                std::to_string(receipt.bytes) + "|" + receipt.md5sum,
+            "0||" + std::to_string(content.size()) + "|" +
+                tovel::countMd5Sum(content));
   EXPECT_EQ(counter.total, content.size());
-  EXPECT_EQ(receipt.md5sum, tovel::countMd5Sum(content));
   EXPECT_TRUE(readFile(local) == content);
-  for (const std::string& line : log.lines()) {
-    EXPECT_THAT(line, ::testing::Not(HasSubstr("secret-content")));
-  }
+  EXPECT_THAT(log.lines(),
+              ::testing::Each(::testing::Not(HasSubstr("secret-content"))));
 
   receipt = ssh->receive(dir.path() + "/missing", err, local, counter);
   EXPECT_EQ(receipt.status, 1);
@@ -149,10 +156,9 @@ TEST_F(SshTest, WriteFailureStopsTheReceiptAtOnceAndKeepsTheConnection) {
   auto start = Clock::now();
   // Endless data into a full device: only a prompt stop ends this.
   Ssh::Receipt receipt = ssh->receive("/dev/zero", err, "/dev/full", counter);
-  EXPECT_EQ(receipt.status, -1);
-  EXPECT_EQ(receipt.bytes, 0u);
-  EXPECT_EQ(receipt.writeError,
-            "cannot write /dev/full: No space left on device");
+  EXPECT_EQ(std::to_string(receipt.status) + "|" +
+                std::to_string(receipt.bytes) + "|" + receipt.writeError,
+            "-1|0|cannot write /dev/full: No space left on device");
   EXPECT_GT(counter.total, 0u);
   EXPECT_THROW(ssh->get("/dev/zero", err, "/dev/full", counter),
                Exc<&tovel::StreamWrite>);
@@ -162,21 +168,13 @@ TEST_F(SshTest, WriteFailureStopsTheReceiptAtOnceAndKeepsTheConnection) {
   EXPECT_EQ(receipt.writeError, "received more than 100000 bytes");
   EXPECT_LE(receipt.bytes, 100000u);
   EXPECT_LT(Clock::now() - start, std::chrono::seconds(10));
-  EXPECT_EQ(run(*ssh, "echo still").out, "still\n");
+  EXPECT_EQ(run(*ssh, "echo still"), "0|still\n|");
 }
-
-// Drops the connection from the server's side at the first output chunk.
-struct ConnectionKiller : Ssh::Counter {
-  void update(size_t) override {
-    if (!done) SshdServer::shared().killConnections();
-    done = true;
-  }
-  bool done = false;
-};
 
 TEST_F(SshTest, ConnectionDroppedMidCommandIsReportedPromptly) {
   std::unique_ptr<Ssh> ssh = login(plainAccount());
-  ConnectionKiller killer;
+  Counting killer;  // drops the connection from the server's side
+  killer.onFirst = [] { SshdServer::shared().killConnections(); };
   auto start = Clock::now();
   try {
     run(*ssh, "echo started; exec sleep 20", "", killer);
@@ -187,15 +185,12 @@ TEST_F(SshTest, ConnectionDroppedMidCommandIsReportedPromptly) {
   EXPECT_LT(Clock::now() - start, std::chrono::seconds(15));
 }
 
-struct Terminator : Ssh::Counter {
-  void update(size_t) override { tovel::terminateProgram(); }
-};
-
 // A terminated run does not wait for the remote command: it drops the
 // connection.
 TEST_F(SshTest, TerminationStopsATransferBetweenChunksAndDropsTheConnection) {
   std::unique_ptr<Ssh> ssh = login(plainAccount());
-  Terminator terminator;
+  Counting terminator;
+  terminator.onFirst = [] { tovel::terminateProgram(); };
   std::ostringstream out, err;
   auto start = Clock::now();
   EXPECT_THROW(ssh->exec("head -c 50000000 /dev/zero; sleep 20", out, err, true,
@@ -205,6 +200,125 @@ TEST_F(SshTest, TerminationStopsATransferBetweenChunksAndDropsTheConnection) {
   EXPECT_LT(out.str().size(), 50000000u);
   EXPECT_LT(Clock::now() - start, std::chrono::seconds(10));
   EXPECT_THROW(run(*ssh, "echo gone"), Exc<&tovel::SshConnectionFault>);
+}
+
+// Counting, summing and truncating are shown by the fetches above.
+TEST(ReceivingFileTest, LimitsAndFailuresAreReportedNotThrown) {
+  TempDir dir;
+  const std::string path = dir.path() + "/a.tgz";
+  tovel::ReceivingFile limited(path, 5);
+  limited << "abc"
+          << "de";
+  EXPECT_TRUE(limited.good());
+  limited << "f";
+  EXPECT_EQ(limited.bytes(), 5u);
+  EXPECT_FALSE(limited.close());
+  EXPECT_EQ(limited.md5sum() + "|" + limited.error(),
+            "|received more than 5 bytes");
+  EXPECT_EQ(readFile(path), "abcde");
+  tovel::ReceivingFile done(path);
+  done << "x";
+  EXPECT_TRUE(done.close());
+  done << "y";  // closed means closed
+  EXPECT_EQ(done.bytes(), 1u);
+  EXPECT_EQ(done.md5sum(), tovel::countMd5Sum(std::string("x")));
+  tovel::ReceivingFile missing(dir.path() + "/no/a.tgz");
+  EXPECT_TRUE(missing.bad());
+  EXPECT_FALSE(missing.close());
+  EXPECT_EQ(missing.error(), "cannot create " + dir.path() +
+                                 "/no/a.tgz: No such file or directory");
+}
+
+std::set<std::string> threadIds() {
+  std::set<std::string> ids;
+  DIR* dir = opendir("/proc/self/task");
+  while (dirent* entry = readdir(dir))
+    if (entry->d_name[0] != '.') ids.insert(entry->d_name);
+  closedir(dir);
+  return ids;
+}
+
+// The follower's thread, when it has one, must block the process's signals
+// (their handlers run on the writer's thread, where the signal guards hold
+// them back) and run at idle priority (the sum takes no CPU time from the
+// writer).
+void expectFollowerStaysOutOfTheWay(const std::set<std::string>& before) {
+  for (const std::string& tid : threadIds()) {
+    if (before.count(tid) != 0) continue;
+    std::ifstream status("/proc/self/task/" + tid + "/status");
+    std::string line;
+    while (std::getline(status, line) && line.rfind("SigBlk:", 0) != 0) {
+    }
+    uint64_t blocked = std::strtoull(line.c_str() + 7, nullptr, 16);
+    for (int sig : {SIGALRM, SIGTERM, SIGINT, SIGHUP, SIGPIPE, SIGUSR1})
+      EXPECT_NE(blocked & (1ULL << (sig - 1)), 0u) << strsignal(sig);
+    // The thread lowers itself once it runs: up to 2 s to start.
+    int policy = sched_getscheduler(std::stoi(tid));
+    for (int i = 0; i < 100 && policy != SCHED_IDLE; ++i) {
+      usleep(20000);
+      policy = sched_getscheduler(std::stoi(tid));
+    }
+    EXPECT_EQ(policy, SCHED_IDLE);
+  }
+}
+
+TEST(FileFollowerTest, SumsWhatWasReportedHoweverItIsCut) {
+  TempDir dir;
+  const std::set<std::string> before = threadIds();
+  // Writes size bytes to a new file in pieces of the given sizes (cycled),
+  // reporting each to a follower; the files stay open until the test ends.
+  std::vector<std::unique_ptr<tovel::FileFollower>> followers;
+  std::vector<int> fds;
+  auto follow = [&](size_t size, const std::vector<size_t>& pieces) {
+    int fd = open((dir.path() + "/" + std::to_string(fds.size())).c_str(),
+                  O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    fds.push_back(fd);
+    followers.push_back(std::make_unique<tovel::FileFollower>(fd));
+    const std::string data = archiveBytes(size, unsigned(size));
+    for (size_t at = 0, i = 0; at < size; ++i) {
+      size_t piece = std::min(pieces[i % pieces.size()], size - at);
+      EXPECT_EQ(write(fd, data.data() + at, piece), ssize_t(piece));
+      followers.back()->written(at += piece);
+    }
+    return std::make_pair(fd, tovel::countMd5Sum(data));
+  };
+  const struct {
+    size_t size;
+    std::vector<size_t> pieces;
+    bool thread;  // a file under 1 MiB costs none
+  } cases[] = {
+      {0, {1}, false},
+      {1000000, {65536}, false},
+      {(20 << 20) + 17, {65536}, true},            // many batches, odd tail
+      {(9 << 20) + 3, {1, 4095, 70001, 3}, true},  // odd pieces
+      {3 << 20, {3 << 20}, true},                  // one write
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.size);
+    const std::string sum = follow(c.size, c.pieces).second;
+    EXPECT_EQ(threadIds().size(), before.size() + (c.thread ? 1 : 0));
+    if (c.thread) expectFollowerStaysOutOfTheWay(before);
+    std::string error = "not set";
+    EXPECT_EQ(followers.back()->finish(&error) + error, sum);
+    EXPECT_EQ(followers.back()->finish(&error), sum);
+  }
+  for (size_t size : {100000, 3 << 20}) {  // without and with the thread
+    // Cut behind the follower's back: it finds less than was reported.
+    ASSERT_EQ(ftruncate(follow(size, {65536}).first, 10), 0);
+    followers.back()->written(size + 1);
+    std::string error;
+    EXPECT_EQ(followers.back()->finish(&error) + error,
+              "the file became shorter");
+  }
+  for (int i = 0; i < 20; ++i) {
+    follow(3 << 20, {65536});
+    std::string error;
+    if (i % 2 == 0) followers.back()->finish(&error);
+    followers.back().reset();  // odd rounds: abandoned with work in hand
+  }
+  EXPECT_EQ(threadIds(), before);
+  followers.clear();
+  for (int fd : fds) close(fd);
 }
 
 }  // namespace
