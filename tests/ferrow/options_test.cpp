@@ -216,7 +216,6 @@ TEST_F(OptionsTest, DumpArgumentsAndInput) {
                     i = "--include-app-distrib ",
                     r = "--content-transport=rsync ";
   const std::pair<std::string, std::string> cases[] = {
-      {s, m + i + "|"},
       {s + "--domains=a,b --clients=- --resellers=r1 --only-mail --no-compress "
            "--server --admin-info --no-license --no-content",
        m +
