@@ -10,17 +10,6 @@
 namespace tovel {
 namespace {
 
-TransferFigures figures(int64_t filesTotal, int64_t filesLeft,
-                        int64_t sizeTotal, int64_t sizeLeft, int64_t speed) {
-  TransferFigures f;
-  f.filesTotal = filesTotal;
-  f.filesLeft = filesLeft;
-  f.sizeTotal = sizeTotal;
-  f.sizeLeft = sizeLeft;
-  f.speed = speed;
-  return f;
-}
-
 TEST(ProgressLineTest, Wording) {
   const struct {
     int64_t value;
@@ -49,20 +38,20 @@ TEST(ProgressLineTest, Wording) {
     TransferFigures f;
     const char* line;
   } lines[] = {
-      {figures(7, 3, 40 << 20, 27 << 20, 1 << 20),
+      {TransferFigures{7, 3, 40 << 20, 27 << 20, 1 << 20},
        "3 of 7 files left, 13.0 MiB of 40.0 MiB (32%), 1.0 MiB/s, 0:27 left"},
       // The time left is rounded up: 1001 bytes at 1000 B/s take 2 s.
-      {figures(1, 1, 2001, 1001, 1000),
+      {TransferFigures{1, 1, 2001, 1001, 1000},
        "1 of 1 files left, 1000 B of 2.0 KiB (49%), 1000 B/s, 0:02 left"},
       // No speed yet, no estimate.
-      {figures(2, 2, 4096, 1024, 0),
+      {TransferFigures{2, 2, 4096, 1024, 0},
        "2 of 2 files left, 3.0 KiB of 4.0 KiB (75%), 0 B/s, --:-- left"},
-      {figures(0, 0, 0, 0, 0),
+      {TransferFigures{0, 0, 0, 0, 0},
        "0 of 0 files left, 0 B of 0 B, 0 B/s, 0:00 left"},
       // Done, some skipped (their bytes never counted as fetched).
-      {figures(3, 0, 3072, 1024, 0),
+      {TransferFigures{3, 0, 3072, 1024, 0},
        "0 of 3 files left, 2.0 KiB of 3.0 KiB (66%), 0 B/s, 0:00 left"},
-      {figures(1, 1, 1024, -1024, 512),
+      {TransferFigures{1, 1, 1024, -1024, 512},
        "1 of 1 files left, 2.0 KiB of 1.0 KiB (100%), 512 B/s, 0:00 left"},
   };
   for (const auto& l : lines) EXPECT_EQ(formatProgressLine(l.f), l.line);
@@ -89,7 +78,7 @@ TEST(TerminalProgressViewTest, RedrawsInPlaceAtMostFiveTimesASecond) {
   TerminalProgressView view(out, 0, &fakeClock);
   auto step = [&](int ms, int64_t filesLeft, int64_t sizeLeft) {
     fakeNow += std::chrono::milliseconds(ms);
-    view.transferProgress(figures(2, filesLeft, 4096, sizeLeft, 0));
+    view.transferProgress(TransferFigures{2, filesLeft, 4096, sizeLeft, 0});
   };
   step(0, 2, 4096);
   step(50, 2, 3072);   // too soon
@@ -101,8 +90,10 @@ TEST(TerminalProgressViewTest, RedrawsInPlaceAtMostFiveTimesASecond) {
   view.finish();
   const std::string shown = out.str();
   std::vector<std::string> expected;
-  for (auto f : {figures(2, 2, 4096, 4096, 0), figures(2, 2, 4096, 1024, 0),
-                 figures(2, 1, 4096, 1024, 0), figures(2, 1, 4096, 0, 0)}) {
+  for (auto f : {TransferFigures{2, 2, 4096, 4096, 0},
+                 TransferFigures{2, 2, 4096, 1024, 0},
+                 TransferFigures{2, 1, 4096, 1024, 0},
+                 TransferFigures{2, 1, 4096, 0, 0}}) {
     expected.push_back(formatProgressLine(f));
   }
   EXPECT_EQ(redraws(shown), expected);
@@ -117,7 +108,7 @@ TEST(TerminalProgressViewTest, RedrawsInPlaceAtMostFiveTimesASecond) {
   // Up to date at the end: finish only breaks the line; a width cuts it.
   std::ostringstream narrow;
   TerminalProgressView cut(narrow, 20, &fakeClock);
-  cut.transferProgress(figures(7, 3, 40 << 20, 27 << 20, 1 << 20));
+  cut.transferProgress(TransferFigures{7, 3, 40 << 20, 27 << 20, 1 << 20});
   cut.finish();
   EXPECT_EQ(narrow.str(), "\r3 of 7 files left, \x1b[K\n");
 }
