@@ -92,9 +92,9 @@ TEST_F(RunLogTest, EarlierRecordsGetTheFirstFreeNumber) {
     XmlLog log("transfer.result");
     ASSERT_EQ(0, mkdir(path("transfer.result").c_str(), 0700));
   }
-  ASSERT_FALSE(lines_.lines().empty());
-  EXPECT_THAT(lines_.lines().back(),
-              MatchesRegex("Unable to save the run record.*transfer.result.*"));
+  EXPECT_THAT(lines_.lines(),
+              ElementsAre(MatchesRegex(
+                  "Unable to save the run record.*transfer.result.*")));
 }
 
 TEST_F(RunLogTest, StartFinishAndDaemonLines) {
