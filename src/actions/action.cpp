@@ -88,9 +88,13 @@ Action::~Action() {
 Ssh* Action::getSsh() {
   if (!ssh_) {
     unsigned short port = config_->port == 0 ? 22 : config_->port;
-    ssh_ =
-        std::make_unique<Ssh>(config_->host, config_->login, config_->password,
-                              config_->noEncryption, port);
+    HostKeyPolicy hostKeys;
+    parseHostKeyChecking(config_->strictHostKeyChecking, &hostKeys.checking);
+    hostKeys.fingerprint = config_->hostKeyFingerprint;
+    hostKeys.knownHostsFile = files::getKnownHostsFileName();
+    ssh_ = std::make_unique<Ssh>(config_->host, config_->login,
+                                 config_->password, config_->noEncryption,
+                                 port, hostKeys);
   }
   return ssh_.get();
 }

@@ -49,6 +49,11 @@ struct config {
   bool server = false;
   bool adminInfo = false;
   bool noLicense = false;
+  // --strict-host-key-checking ("yes", "accept-new" or "no") and
+  // --host-key-fingerprint ("SHA256:..."), as given; checked by
+  // verify_options.
+  std::string strictHostKeyChecking = "accept-new";
+  std::string hostKeyFingerprint;
 };
 
 // True for the ids 0 to 8.

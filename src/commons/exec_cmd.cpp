@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "commons/host_log.h"
+#include "commons/unique_fd.h"
 #include "errors/system_error.h"
 
 namespace tovel {
@@ -26,32 +27,6 @@ constexpr int kChildFailed = 127;
 
 // How often waitpid is retried when it reports no such child.
 constexpr int kEchildRetries = 100;
-
-// Owns one file descriptor.
-class UniqueFd {
- public:
-  UniqueFd() = default;
-  explicit UniqueFd(int fd) : fd_(fd) {}
-  UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
-  UniqueFd& operator=(UniqueFd&& other) noexcept {
-    reset(other.release());
-    return *this;
-  }
-  UniqueFd(const UniqueFd&) = delete;
-  UniqueFd& operator=(const UniqueFd&) = delete;
-  ~UniqueFd() { reset(); }
-
-  int get() const { return fd_; }
-  explicit operator bool() const { return fd_ >= 0; }
-  int release() { return std::exchange(fd_, -1); }
-  void reset(int fd = -1) {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = fd;
-  }
-
- private:
-  int fd_ = -1;
-};
 
 struct Pipe {
   UniqueFd readEnd;

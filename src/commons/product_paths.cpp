@@ -13,6 +13,8 @@ std::string getQvtLogConfigFileName() {
   return getQvtDir() + "/log4cpp.properties";
 }
 
+std::string getKnownHostsFileName() { return getQvtDir() + "/known_hosts"; }
+
 std::string getScoutFileName() { return getQvtDir() + "/scout.pl"; }
 
 std::string getTmpDir() { return getQvtDir() + "/tmp"; }

@@ -17,6 +17,8 @@ std::string getProductDir();
 std::string getQvtDir();
 // Q/log4cpp.properties: the logging set-up.
 std::string getQvtLogConfigFileName();
+// Q/known_hosts: the source hosts' keys accepted so far (OpenSSH's format).
+std::string getKnownHostsFileName();
 // Q/scout.pl: the script sent to probe a source host.
 std::string getScoutFileName();
 // Q/tmp: where temporary files go by default.

@@ -20,6 +20,7 @@
 #include "ferrow/options.h"
 #include "log/debug_log.h"
 #include "log/run_log.h"
+#include "transport/host_key_check.h"
 #include "log/start_stop_logger.h"
 
 namespace tovel {
@@ -41,6 +42,7 @@ const ExitCodeRow kExitCodes[] = {
     {isA<&NetworkUnreachable>, 13},    {isA<&HostUnreachable>, 14},
     {isA<&ConnectionFault>, 15},       {isA<&HostNotFound>, 16},
     {isA<&SshInvalidCredentials>, 17}, {isA<&SshConnectionFault>, 18},
+    {isA<&SshHostKeyVerificationFailed>, 19},
 };
 
 int runAction(config& cfg) {

@@ -10,6 +10,7 @@
 #include "commons/secrets.h"
 #include "errors/exc.h"
 #include "errors/tags.h"
+#include "transport/host_key_check.h"
 
 namespace tovel {
 namespace {
@@ -45,6 +46,8 @@ enum OptionCode {
   kServerCode,
   kAdminInfoCode,
   kNoLicenseCode,
+  kStrictHostKeyCheckingCode,
+  kHostKeyFingerprintCode,
 };
 
 const struct option kOptions[] = {
@@ -84,6 +87,10 @@ const struct option kOptions[] = {
     {"server", no_argument, nullptr, kServerCode},
     {"admin-info", no_argument, nullptr, kAdminInfoCode},
     {"no-license", no_argument, nullptr, kNoLicenseCode},
+    {"strict-host-key-checking", required_argument, nullptr,
+     kStrictHostKeyCheckingCode},
+    {"host-key-fingerprint", required_argument, nullptr,
+     kHostKeyFingerprintCode},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -95,6 +102,8 @@ const char kUsage[] =
           [--port=<port>] (defaults to 22)
           --login=<username>
           [--sudo-password]
+          [--strict-host-key-checking=yes|accept-new|no] (defaults to accept-new)
+          [--host-key-fingerprint=SHA256:<base64>]
           --agent-dir=<dir> (relative path on the remote side)
           ( --send-scout
           | --deploy-agent --session-path <dir> --agent-name <agent>
@@ -174,6 +183,10 @@ std::string* stringField(int code, config* cfg) {
       return &cfg->sessionPath;
     case kContentTransportCode:
       return &cfg->contentTransport;
+    case kStrictHostKeyCheckingCode:
+      return &cfg->strictHostKeyChecking;
+    case kHostKeyFingerprintCode:
+      return &cfg->hostKeyFingerprint;
     default:
       return nullptr;
   }
@@ -242,6 +255,10 @@ void verifyOfflineAction(const config& cfg) {
   if (!cfg.agentDir.empty()) invalid_option("agent directory");
   if (!cfg.agentName.empty()) invalid_option("agent name");
   if (cfg.sudo) invalid_option("sudo parameters");
+  if (cfg.strictHostKeyChecking != "accept-new" ||
+      !cfg.hostKeyFingerprint.empty()) {
+    invalid_option("host key checking");
+  }
 }
 
 void verifyConnection(const config& cfg) {
@@ -252,6 +269,17 @@ void verifyConnection(const config& cfg) {
   }
   if (cfg.login.empty()) req_action_argument_missed("login");
   if (cfg.password.empty()) req_action_argument_missed("password");
+  HostKeyChecking checking;
+  if (!parseHostKeyChecking(cfg.strictHostKeyChecking, &checking)) {
+    TOVEL_THROW(::OptParsingError) %
+        "strict-host-key-checking should be one of yes, accept-new, no";
+  }
+  if (!cfg.hostKeyFingerprint.empty() &&
+      !isSha256Fingerprint(cfg.hostKeyFingerprint)) {
+    TOVEL_THROW(::OptParsingError) %
+        "host-key-fingerprint should be SHA256: followed by 43 base64 "
+        "characters, as ssh-keygen -lf prints it";
+  }
   if (cfg.sudo && !cfg.sudoPasswordProvided) {
     TOVEL_THROW(::OptParsingError) %
         "DYR_SUDO_PASSWORD environment variable is not provided with "

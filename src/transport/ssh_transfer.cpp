@@ -45,8 +45,9 @@ class NullStream : public std::ostream {
 Ssh::NullCounter Ssh::null_counter;
 
 Ssh::Ssh(const std::string& host, const std::string& login,
-         const std::string& password, bool noEncryption, unsigned short port) {
-  connect(host, port, noEncryption);
+         const std::string& password, bool noEncryption, unsigned short port,
+         const HostKeyPolicy& hostKeys) {
+  connect(host, port, noEncryption, hostKeys);
   try {
     session_->authorize(login, password);
   } catch (const Exc<&SshAuthorizationFailed>&) {
@@ -60,7 +61,7 @@ Ssh::~Ssh() {
 }
 
 void Ssh::connect(const std::string& host, unsigned short port,
-                  bool noEncryption) {
+                  bool noEncryption, const HostKeyPolicy& hostKeys) {
   socket_ = std::make_unique<Socket>(host, port);
   try {
     session_ = std::make_unique<libssh2pp::Session>(socket_->fd(), noEncryption,
@@ -71,6 +72,7 @@ void Ssh::connect(const std::string& host, unsigned short port,
     session_ =
         std::make_unique<libssh2pp::Session>(socket_->fd(), noEncryption, true);
   }
+  verifyHostKey(session_->get(), host, port, hostKeys);
 }
 
 int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out,

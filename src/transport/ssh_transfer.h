@@ -12,6 +12,7 @@
 
 #include "commons/socket.h"
 #include "transport/alarm.h"
+#include "transport/host_key_check.h"
 #include "transport/session.h"
 
 namespace tovel {
@@ -35,12 +36,14 @@ class Ssh {
   static NullCounter null_counter;
 
   // Connects (Socket), starts SSH (retrying once in compatibility mode
-  // when the start fails) and logs in. Throws what Socket and Session
-  // throw; a refused login throws SshInvalidCredentials "Unable to connect
-  // to host <host>: you have specified incorrect username or password".
-  // The password is not kept.
+  // when the start fails), verifies the host key as hostKeys says after
+  // each start and before any authentication request, and logs in. Throws
+  // what Socket, Session and verifyHostKey throw; a refused login throws
+  // SshInvalidCredentials "Unable to connect to host <host>: you have
+  // specified incorrect username or password". The password is not kept.
   Ssh(const std::string& host, const std::string& login,
-      const std::string& password, bool noEncryption, unsigned short port);
+      const std::string& password, bool noEncryption, unsigned short port,
+      const HostKeyPolicy& hostKeys);
   ~Ssh();
   Ssh(const Ssh&) = delete;
   Ssh& operator=(const Ssh&) = delete;
@@ -105,7 +108,8 @@ class Ssh {
   void setAlarm(Alarm* alarm) { alarm_ = alarm; }
 
  private:
-  void connect(const std::string& host, unsigned short port, bool noEncryption);
+  void connect(const std::string& host, unsigned short port, bool noEncryption,
+               const HostKeyPolicy& hostKeys);
 
   std::unique_ptr<Socket> socket_;
   std::unique_ptr<libssh2pp::Session> session_;

@@ -14,6 +14,7 @@
 #include "ferrow/driver.h"
 #include "ferrow/dump_options.h"
 #include "support/ferrow_runner.h"
+#include "transport/host_key_check.h"
 
 namespace tovel {
 namespace {
@@ -150,20 +151,33 @@ TEST_F(OptionsTest, RefusalsComeInTheirOrder) {
   EXPECT_EQ("", refusal(agent + "--get-content --no-check-space "
                                 "--no-encryption"));
   EXPECT_EQ("", refusal(agent + "--dump-selected --no-content"));
+  const std::string pin = "SHA256:" + std::string(42, 'A') + "+";
+  EXPECT_EQ(no + "strict-host-key-checking should be one of yes, accept-new, "
+                 "no",
+            refusal(agent + "--remove-agent --strict-host-key-checking=ask"));
+  for (const std::string& bad : {pin + "=", "SHA256:" + std::string(43, '-'),
+                                 "MD5:" + pin.substr(4)}) {
+    EXPECT_EQ(no + "host-key-fingerprint should be SHA256: followed by 43 "
+                   "base64 characters, as ssh-keygen -lf prints it",
+              refusal(agent + "--remove-agent --host-key-fingerprint=" + bad));
+  }
+  EXPECT_EQ("", refusal(agent + "--remove-agent --host-key-fingerprint=" +
+                        pin + " --strict-host-key-checking=no"));
 
   // The actions that never connect refuse every connection option, in this
   // order.
   const std::vector<std::string> options = {
       "--host=h",      "--port=22",      "--login=l",      "DYR_PASSWORD=p",
-      "--agent-dir=a", "--agent-name=n", "--sudo-password"};
+      "--agent-dir=a", "--agent-name=n", "--sudo-password",
+      "--strict-host-key-checking=no"};
   const std::vector<std::string> what = {
       "host",       "port",           "login", "password", "agent directory",
-      "agent name", "sudo parameters"};
+      "agent name", "sudo parameters", "host key checking"};
   for (const char* action : {"--remove-dumping-status ", "-h "}) {
-    for (size_t first = 0; first <= 7; ++first) {
+    for (size_t first = 0; first <= 8; ++first) {
       std::string line = action;
-      for (size_t i = first; i < 7; ++i) line += options[i] + " ";
-      EXPECT_EQ(first < 7 ? notAllowed(what[first]) : "", refusal(line));
+      for (size_t i = first; i < 8; ++i) line += options[i] + " ";
+      EXPECT_EQ(first < 8 ? notAllowed(what[first]) : "", refusal(line));
     }
   }
   // The others need each in turn; the scout refuses the agent's.
@@ -269,11 +283,12 @@ std::string codesOf() {
 
 TEST(ExitCodeTest, ConnectionFailuresHaveTheirOwnCodesEvenWhenWrapped) {
   EXPECT_EQ(
-      "11/11 12/12 13/13 14/14 15/15 16/16 17/17 18/18 2/2 2/2 ",
+      "11/11 12/12 13/13 14/14 15/15 16/16 17/17 18/18 19/19 2/2 2/2 ",
       codesOf<&ConnectionRefused>() + codesOf<&ConnectionTimedOut>() +
           codesOf<&NetworkUnreachable>() + codesOf<&HostUnreachable>() +
           codesOf<&ConnectionFault>() + codesOf<&HostNotFound>() +
           codesOf<&SshInvalidCredentials>() + codesOf<&SshConnectionFault>() +
+          codesOf<&SshHostKeyVerificationFailed>() +
           codesOf<&SshAuthorizationFailed>() + codesOf<&NotEnoughSpace>());
 }
 

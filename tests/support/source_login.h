@@ -51,6 +51,9 @@ inline void loginAs(tovel::config* cfg, const TestAccount& account, bool sudo,
   cfg->sudoPasswordProvided = sudo;
   cfg->sudoPassword =
       sudoPassword ? *sudoPassword : (sudo ? account.password : "");
+  // In-process actions have no product installation to keep keys in; the
+  // end-to-end tests check keys.
+  cfg->strictHostKeyChecking = "no";
 }
 
 // login.args followed by `more`.
