@@ -1,7 +1,6 @@
 // The XML layer: documents read and saved (atomically, for the panel), the
 // status document, the agents' documents, DTD, XSLT, XPath, error messages
 // and the safe form of outside text.
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <pwd.h>
 #include <signal.h>
@@ -74,11 +73,8 @@ TEST(MigrationStatusTest, EachStateWritesItsDocumentForThePanel) {
   save();
   s->setTransferSpeed("5");
   s->setTransferTotals("10", "2048");
-  s->setTransferFilesLeft("9");
-  s->setCurrentFile("a.tgz", "300");
-  s->setTransferCurrentFileSizeLeft("120");
-  save();
   s->setTransferTotals("3", "");  // sizes show only when both are known
+  s->setTransferFilesLeft("2");
   s->setTransferSizeLeft("5");
   s->setCurrentFile("b.tgz", "");
   save();
@@ -94,11 +90,7 @@ TEST(MigrationStatusTest, EachStateWritesItsDocumentForThePanel) {
                     done = "completed-accounts=\"1\" completed-domains=\"2\">";
   EXPECT_EQ("><agent action=\"deploy\">" + host + "</agent>" + e +
                 "><transfer speed=\"5\">" + host +
-                "<files total=\"10\" left=\"9\" size-total=\"2048\" size-left"
-                "=\"2048\"><current-file size=\"300\" size-left=\"120\">a.tgz"
-                "</current-file></files></transfer>" +
-                e + "><transfer speed=\"5\">" + host +
-                "<files total=\"3\" left=\"3\"><current-file>b.tgz</current-"
+                "<files total=\"3\" left=\"2\"><current-file>b.tgz</current-"
                 "file></files></transfer>" +
                 e + deploy +
                 "completed-accounts=\"\" completed-domains=\"\"/>\n" + deploy +
@@ -182,12 +174,8 @@ TEST(XmlDocumentTest, ReadingFailuresAreNamed) {
                   [] { tXmlDocument(std::string("<a></b>")); }),
               MatchesRegex("The XML file in-memory buffer .*:\n.*mismatch.*"));
   EXPECT_EQ("", testing::internal::GetCapturedStderr());
-  const int in = dup(0), fd = open(file.c_str(), O_RDONLY);
-  dup2(fd, 0);
-  XmlAgentDeploymentStatusDocument status("-");
-  dup2(in, 0);
-  EXPECT_EQ("/s", status.getAgentDeploymentStatusFileName());
-  EXPECT_EQ(0, close(in) + close(fd));
+  EXPECT_EQ("/s", XmlAgentDeploymentStatusDocument(file.c_str())
+                      .getAgentDeploymentStatusFileName());
   EXPECT_THAT(messageOf<&tError_WrongInputFile>([&] {
                 tXmlDocument doc{boost::filesystem::path(dir.path())};
               }),
@@ -224,18 +212,14 @@ TEST(XmlDocumentTest, BuildingAndSaving) {
   XmlMsgFormatter formatter(doc, doc.newChild(doc.getRoot(), "message"));
   outer.accept(formatter);
   formatter.setSeverity(4);
-  EXPECT_EQ(
-      "<root speed=\"2\"><t>t&amp;1</t><message code=\"CantRetrieveDump"
-      "\" id=\"" +
-          outer.id() +
-          "\" severity=\"error\"><description>"
-          "Error during dump retrieval</description><message code=\"Ssh"
-          "ConnectionFault\" id=\"" +
-          outer.inner()->id() +
-          "\" severity=\""
-          "warning\"><description>Lost connection with the remote host</"
-          "description></message></message></root>",
-      bodyOf(doc.saveToString()));
+  EXPECT_THAT(bodyOf(doc.saveToString()),
+              MatchesRegex(
+                  "<root speed=\"2\"><t>t&amp;1</t><message code=\"CantRetrieve"
+                  "Dump\" id=\"[^\"]+\" severity=\"error\"><description>Error "
+                  "during dump retrieval</description><message code=\"Ssh"
+                  "ConnectionFault\" id=\"[^\"]+\" severity=\"warning\"><descr"
+                  "iption>Lost connection with the remote host</description>"
+                  "</message></message></root>"));
   EXPECT_EQ(
       "#0002: Can not create new node",
       messageOf<&tError_XmlInternal>([&] { doc.newChild(nullptr, "x"); }));
@@ -261,7 +245,6 @@ TEST(XPathTest, NodeSetsStringsAndFailures) {
   doc.initFileDoc("l");
   tXPathExpr all(doc, "//i");
   ASSERT_EQ(2u, all.getNodeSet().size());
-  EXPECT_EQ(all.getNodeSet()[0], all.getNode());
   EXPECT_EQ(nullptr, tXPathExpr(doc, "/l/none").getNode());
   EXPECT_EQ("37",
             tXPathExpr(doc, doc.getRootNodeChild("g"), "string(i/@n)").str() +
