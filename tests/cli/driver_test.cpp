@@ -1,6 +1,5 @@
-// The real binary seen from outside, without a source host: help, refusals,
-// the session directory, run records, the debug log and the start-up
-// failures.
+// The real binary without a source host: help, refusals, the session
+// directory, run records, the debug log and the start-up failures.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
@@ -43,19 +42,15 @@ TEST_F(DriverTest, HelpAndRefusalsTouchNothing) {
     int exitCode;
     std::string out, err;
   } cases[] = {
+      // clang-format off
       {{"--help"}, 0, "Usage: [DYR_PASSWORD=<password> | ", ""},
       {{"-h", "--send-scout"}, 0, "\n          | --help | -h)\n", ""},
       {{"--dump-all", "--port=0", "-h"}, 0, "Usage: ", ""},
       {{}, 1, "", "Action required. See --help\n"},
-      {{"--send-scout", "--host", "h", "--login", "l"},
-       1,
-       "",
-       "--session-path is required.\n"},
-      {{"--bogus", "--session-path", session()},
-       1,
-       "",
-       "unrecognized option '--bogus'"},
+      {{"--send-scout", "--host", "h", "--login", "l"}, 1, "", "--session-path is required.\n"},
+      {{"--bogus", "--session-path", session()}, 1, "", "unrecognized option '--bogus'"},
       {{"--send-scout", "--host"}, 1, "", "requires an argument"},
+      // clang-format on
   };
   for (const auto& c : cases) {
     RunResult r = install_.run(c.args);
@@ -93,17 +88,13 @@ TEST_F(DriverTest, SessionDirectoryBelongsToRootWithThePanelUidAsGroup) {
               std::make_pair(st.st_uid, st.st_gid));
     EXPECT_EQ(040750u, st.st_mode) << dir;
   }
-  FerrowInstallation other;
-  ASSERT_EQ(0, mkdir(other.sessionPath().c_str(), 0711));
-  ASSERT_EQ(0, chmod(other.sessionPath().c_str(), 0711));
-  ASSERT_EQ(0, other
-                   .run({"--remove-dumping-status", "--session-path",
-                         other.sessionPath()})
-                   .exitCode);
+  ASSERT_EQ(0, chmod(session().c_str(), 0711));
+  ASSERT_EQ(0, rmdir((session() + "/archives").c_str()));
+  ASSERT_EQ(0, removeDumpingStatus().exitCode);
   struct stat st = {};
-  EXPECT_EQ(0, stat(other.sessionPath().c_str(), &st));
+  EXPECT_EQ(0, stat(session().c_str(), &st));
   EXPECT_EQ(040711u, st.st_mode);
-  EXPECT_TRUE(fileExists(other.sessionPath() + "/archives"));
+  EXPECT_TRUE(fileExists(session() + "/archives"));
 }
 
 TEST_F(DriverTest, RunsKeepEarlierRecordsAndOneGrowingLog) {

@@ -1,8 +1,6 @@
-// Whole migrations with the real binary, the test sshd and the reference
-// agent and scout of share/: as root, through sudo (with the rsync
-// transport, watching that no password leaks anywhere), and once through
-// sudo under valgrind's memcheck. Each step checks the session's files and
-// the source host.
+// Whole migrations with the reference agent and scout of share/: as root,
+// through sudo (rsync, watching that no password leaks anywhere), and
+// through sudo under valgrind's memcheck; each step checks both hosts.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -16,7 +14,6 @@
 #include <string>
 #include <vector>
 
-#include "support/process_scan.h"
 #include "support/reference_source.h"
 #include "support/source_login.h"
 
@@ -139,10 +136,9 @@ TEST_P(MigrationTest, WholeSequence) {
   EXPECT_THAT(file("agent-deployment.status"), HasSubstr("<agentstatus"));
 
   // Through sudo the SSH password travels in the dump's input too.
-  if (GetParam() == kThroughSudo)
-    step({"--dump-all", "--content-transport=rsync"});
-  else
-    step({"--dump-all"});
+  std::vector<std::string> dump = {"--dump-all"};
+  if (GetParam() == kThroughSudo) dump.push_back("--content-transport=rsync");
+  step(dump);
   EXPECT_THAT(file("dump.xml"), HasSubstr("carol.test"));
   EXPECT_TRUE(fileExists(session() + "/dump-name"));
 
@@ -226,7 +222,8 @@ TEST(ScoutTest, ResultHoldsExactlyWhatTheScoutPrintedAndFailuresAreTold) {
             "binmode STDOUT;\n"
             "print \"<scout uid=\\\"$<\\\">\\r\\n\\x00\\xff</scout>\";\n");
   static const char kPrinted[] = "<scout uid=\"0\">\r\n\0\xff</scout>";
-  for (const SourceLogin& login : rootLogins()) {
+  for (const SourceLogin& login :
+       {sourceLogin(rootAccount(), false), sourceLogin(sudoAccount(), true)}) {
     RunResult r = run(login);
     EXPECT_EQ(r.exitCode, 0) << login.name << ": " << r.err;
     EXPECT_EQ(readFile(install.sessionPath() + "/scout-result.xml"),

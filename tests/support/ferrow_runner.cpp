@@ -16,11 +16,8 @@
 namespace ferrow_test {
 namespace {
 
-// The binds come as pairs of arguments, the rest in F_* variables. The
-// overlay gives missing mount points under /etc a private home; its layers
-// live on a tmpfs, since unmounting an overlay syncs its upper file system.
-// F_RUN starts the program in a clean environment, under script(1) when a
-// terminal is asked for.
+// Binds come as argument pairs, the rest in F_* variables. The overlay's
+// layers live on a tmpfs: unmounting an overlay syncs its upper layer.
 const char kNamespaceScript[] =
     "set -e\n"
     "if [ -n \"$F_NET\" ]; then ip link set lo up; eval \"$F_NETSETUP\"; fi\n"

@@ -1,8 +1,5 @@
-// Runs the real ferrow binary the way the panel does, against a private
-// product installation: in a private mount namespace where /etc/dyr is a
-// bind mount of a fixture holding dyr.conf, whose PRODUCT_ROOT_D names a
-// product root with QVT/log4cpp.properties. The machine's /etc is never
-// changed.
+// Runs the real ferrow binary in a private mount namespace where /etc/dyr
+// is a fixture: the machine's /etc is never changed.
 #ifndef FERROW_TESTS_SUPPORT_FERROW_RUNNER_H_
 #define FERROW_TESTS_SUPPORT_FERROW_RUNNER_H_
 
@@ -38,47 +35,40 @@ bool fileExists(const std::string& name);
 // The XML text without the white space that indentation puts between tags.
 std::string compactXml(const std::string& text);
 
-// Runs argv (argv[0] looked up in PATH) with input on its standard input,
-// in the test's environment plus env.
+// argv[0] looked up in PATH; the test's environment plus env.
 RunResult runCommand(const std::vector<std::string>& argv,
                      const std::string& input = "",
                      const std::map<std::string, std::string>& env = {});
 
-// Creates the panel's account "dyradm" when the machine lacks it.
 void ensurePanelAccount();
 
-// How a program is confined besides its private mount namespace.
 struct RunOptions {
-  // Bind mounts, in order: source onto target. A missing target is made;
-  // under /etc/ it lives in a private overlay of /etc.
+  // source onto target, in order; a missing target is made (under /etc/
+  // in a private overlay).
   std::vector<std::pair<std::string, std::string>> binds;
-  // A network namespace of its own holding only lo (brought up), where the
-  // shell commands networkSetup run: no packet can leave it.
+  // A network namespace holding only lo, where networkSetup runs.
   bool isolateNetwork = false;
   std::string networkSetup;
-  // Shell commands run after the binds; what they mount is seen inside only.
+  // Shell commands run after the binds, inside the namespace.
   std::string mountSetup;
-  // The program's standard streams on a pseudo-terminal (script(1)):
-  // RunResult::out is then what the terminal received.
+  // Standard streams on a pseudo-terminal: out is what it received.
   bool terminal = false;
 };
 
-// Runs script with /bin/sh in a private mount namespace set up by options,
-// with an environment holding only PATH.
+// script run by /bin/sh in the namespace, with only PATH set.
 RunResult runInNamespace(const std::string& script,
                          const RunOptions& options = {},
                          const std::string& input = "");
 
 class FerrowInstallation {
  public:
-  // Lays out <tmp>/etc-dyr/dyr.conf and <tmp>/product/QVT/log4cpp.properties
-  // (a file appender on ${LOG_FILE_NAME} and a console appender).
+  // <tmp>/etc-dyr/dyr.conf naming <tmp>/product, with a file appender on
+  // ${LOG_FILE_NAME} and a console appender in QVT/log4cpp.properties.
   FerrowInstallation();
 
   const std::string& root() const { return dir_.path(); }
   std::string etcDyr() const { return root() + "/etc-dyr"; }
   std::string productRoot() const { return root() + "/product"; }
-  // A session directory path inside the scratch area (not created).
   std::string sessionPath(const std::string& name = "session") const {
     return root() + "/" + name;
   }
@@ -86,10 +76,8 @@ class FerrowInstallation {
   void writeDyrConf(const std::string& text) const;
   void writeLogProperties(const std::string& text) const;
 
-  // Runs ferrow with args in a clean environment holding PATH and env
-  // (passed through a file, never as arguments), with input on its
-  // standard input; /etc/dyr is bound before options.binds. A sanitizer
-  // report on its standard error fails the test.
+  // ferrow in a clean environment of PATH and env (passed through a file,
+  // never as arguments); a sanitizer report fails the test.
   RunResult run(const std::vector<std::string>& args,
                 const std::map<std::string, std::string>& env = {},
                 const std::string& input = "") const;
@@ -97,8 +85,7 @@ class FerrowInstallation {
                 const std::map<std::string, std::string>& env = {},
                 const std::string& input = "") const;
 
-  // Puts wrapper (e.g. valgrind and its options) in front of the binary in
-  // every later run.
+  // A command (e.g. valgrind) put in front of the binary in later runs.
   void setWrapper(const std::vector<std::string>& wrapper) {
     wrapper_ = wrapper;
   }

@@ -1,5 +1,4 @@
-// The options and environment that make a ferrow run log in to the test
-// sshd (support/sshd_server.h), for end-to-end tests of the actions.
+// The options and environment that log a ferrow run in to the test sshd.
 #ifndef FERROW_TESTS_SUPPORT_SOURCE_LOGIN_H_
 #define FERROW_TESTS_SUPPORT_SOURCE_LOGIN_H_
 
@@ -34,13 +33,8 @@ inline SourceLogin sourceLogin(const TestAccount& account, bool sudo) {
   return login;
 }
 
-// The two ways ferrow gets root on a source host.
-inline std::vector<SourceLogin> rootLogins() {
-  return {sourceLogin(rootAccount(), false), sourceLogin(sudoAccount(), true)};
-}
-
-// The same for an action run in-process: fills the login fields of cfg.
-// With sudo, sudoPassword is the account's own unless given.
+// The same for an action run in-process; with sudo, sudoPassword is the
+// account's own unless given.
 inline void loginAs(tovel::config* cfg, const TestAccount& account, bool sudo,
                     const std::string* sudoPassword = nullptr) {
   cfg->host = "127.0.0.1";
@@ -51,8 +45,7 @@ inline void loginAs(tovel::config* cfg, const TestAccount& account, bool sudo,
   cfg->sudoPasswordProvided = sudo;
   cfg->sudoPassword =
       sudoPassword ? *sudoPassword : (sudo ? account.password : "");
-  // In-process actions have no product installation to keep keys in; the
-  // end-to-end tests check keys.
+  // No product installation to keep keys in; end-to-end tests check keys.
   cfg->strictHostKeyChecking = "no";
 }
 

@@ -1,5 +1,6 @@
 #include "support/sshd_server.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <pwd.h>
 #include <signal.h>
@@ -8,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <mutex>
 #include <regex>
 #include <sstream>
@@ -15,7 +17,6 @@
 
 #include "commons/arg_list.h"
 #include "commons/exec_cmd.h"
-#include "support/process_scan.h"
 
 namespace ferrow_test {
 namespace {
@@ -76,21 +77,13 @@ std::string configText(const std::string& dir, unsigned short port) {
 // dies leaves no server behind.
 pid_t spawnSshd(const std::string& dir) {
   tovel::ArgList argv;
-  argv << "setpriv"
-       << "--pdeathsig"
-       << "TERM"
-       << "unshare"
-       << "-m"
-       << "--propagation"
-       << "private"
-       << "sh"
-       << "-c"
-       << "mount --bind \"$0\" /etc/pam.d/sshd && exec \"$@\"" << dir + "/pam"
-       << "/usr/sbin/sshd"
-       << "-D"
-       << "-e"
-       << "-f" << dir + "/sshd_config"
-       << "-E" << dir + "/sshd.log";
+  for (const std::string& arg : std::vector<std::string>{
+           "setpriv", "--pdeathsig", "TERM", "unshare", "-m", "--propagation",
+           "private", "sh", "-c",
+           "mount --bind \"$0\" /etc/pam.d/sshd && exec \"$@\"", dir + "/pam",
+           "/usr/sbin/sshd", "-D", "-e", "-f", dir + "/sshd_config", "-E",
+           dir + "/sshd.log"})
+    argv << arg;
   int null = open("/dev/null", O_RDWR | O_CLOEXEC);
   pid_t pid = tovel::forkExecvPipes(null, null, null, "setpriv", argv, "", {});
   close(null);
@@ -104,6 +97,39 @@ const TestAccount& sudoAccount() { return kAccounts[1]; }
 const TestAccount& plainAccount() { return kAccounts[2]; }
 const TestAccount& kbdAccount() { return kAccounts[3]; }
 const TestAccount& pubkeyAccount() { return kAccounts[4]; }
+
+std::vector<pid_t> allPids() {
+  std::vector<pid_t> pids;
+  std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), closedir);
+  while (dirent* entry = proc ? readdir(proc.get()) : nullptr)
+    if (atoi(entry->d_name) > 0) pids.push_back(atoi(entry->d_name));
+  return pids;
+}
+
+std::string procFile(pid_t pid, const std::string& name) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/" + name);
+  std::ostringstream bytes;
+  bytes << in.rdbuf();
+  return bytes.str();
+}
+
+std::vector<pid_t> childrenOf(pid_t pid) {
+  std::istringstream in(
+      procFile(pid, "task/" + std::to_string(pid) + "/children"));
+  std::vector<pid_t> children;
+  for (pid_t child; in >> child;) children.push_back(child);
+  return children;
+}
+
+pid_t findFerrow(const std::string& marker) {
+  for (pid_t pid : allPids()) {
+    std::string cmdline = procFile(pid, "cmdline");
+    if (cmdline.rfind(FERROW_BINARY + std::string(1, '\0'), 0) == 0 &&
+        cmdline.find(marker) != std::string::npos)
+      return pid;
+  }
+  return 0;
+}
 
 std::string homeOf(const TestAccount& account) {
   const passwd* entry = getpwnam(account.name.c_str());

@@ -1,6 +1,5 @@
-// A real OpenSSH server on 127.0.0.1 for end-to-end tests, and the local
-// accounts that log in to it. The accounts are created on first use, under
-// a file lock shared by concurrently running test programs.
+// A real OpenSSH server on 127.0.0.1 and the local accounts that log in to
+// it (created on first use, under a lock shared by test programs).
 #ifndef FERROW_TESTS_SUPPORT_SSHD_SERVER_H_
 #define FERROW_TESTS_SUPPORT_SSHD_SERVER_H_
 
@@ -8,6 +7,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "support/ferrow_runner.h"
 
@@ -27,14 +27,20 @@ const TestAccount& kbdAccount();     // offered keyboard-interactive only
 const TestAccount& pubkeyAccount();  // offered publickey only, has no key
 std::string homeOf(const TestAccount& account);
 
+// /proc: every pid; /proc/<pid>/<name> ("" when gone); the children; the
+// running built ferrow whose arguments hold marker (0 when none does).
+std::vector<pid_t> allPids();
+std::string procFile(pid_t pid, const std::string& name);
+std::vector<pid_t> childrenOf(pid_t pid);
+pid_t findFerrow(const std::string& marker);
+
 // One sshd on 127.0.0.1, with its own directory holding the configuration,
 // a host key and the log. Logins go through PAM without the delay after a
 // wrong password (a private copy of the sshd PAM file, bound in the
 // server's own mount namespace).
 class SshdServer {
  public:
-  // Ensures the accounts, starts sshd and waits until it listens. Throws
-  // std::runtime_error when it cannot.
+  // Waits until it listens; throws std::runtime_error when it cannot.
   SshdServer();
   ~SshdServer();  // stops the server and its connections
   SshdServer(const SshdServer&) = delete;

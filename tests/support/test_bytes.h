@@ -1,5 +1,4 @@
-// Reproducible bytes that are not text, so that a transfer that mangles
-// any byte shows.
+// Reproducible non-text bytes: a transfer that mangles any byte shows.
 #ifndef FERROW_TESTS_SUPPORT_TEST_BYTES_H_
 #define FERROW_TESTS_SUPPORT_TEST_BYTES_H_
 
