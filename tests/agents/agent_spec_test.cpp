@@ -35,14 +35,12 @@ TEST(AgentParseTest, KeysValuesAndRefusedLines) {
               ElementsAre("", "", "", "", ""));
   // Keys are exact; line numbers count the empty lines too.
   const std::string illegal = "Illegal parameter found in " + name + ": ";
+  // clang-format off
   const std::pair<std::string, std::string> refused[] = {
-      {"Description: d\n\nno colon here\n",
-       name + ":3: Expected '<token>: <value>', got 'no colon here'"},
-      {"Entrypoint: x\n", illegal + "Entrypoint"},
-      {"EntryPoint : x\n", illegal + "EntryPoint "},
-      {" EntryPoint: x\n", illegal + " EntryPoint"},
-      {"EntryPointX: x\n", illegal + "EntryPointX"},
-  };
+      {"Description: d\n\nno colon here\n", name + ":3: Expected '<token>: <value>', got 'no colon here'"},
+      {"Entrypoint: x\n", illegal + "Entrypoint"}, {"EntryPoint : x\n", illegal + "EntryPoint "},
+      {" EntryPoint: x\n", illegal + " EntryPoint"}, {"EntryPointX: x\n", illegal + "EntryPointX"}};
+  // clang-format on
   for (const auto& r : refused) {
     writeFile(name, r.first);
     try {
@@ -73,19 +71,17 @@ TEST(AgentsFactoryTest, FindsRejectsAndKeepsAgents) {
   add("no-spec", "");
   boost::filesystem::create_directories(spec("dir-spec"));
   writeFile(catalogue + "/loose-file", "not an agent");
-  LogCapture agentLog("p.Agent"), log("p.AgentsFactory");
+  LogCapture log("p.AgentsFactory");
   AgentsFactory factory;
   std::shared_ptr<Agent> agent = factory.getAgent("sample");
-  EXPECT_THAT(log.lines(), ElementsAre("Parsing sample",
-                                       "Parsing " + catalogue + "/sample"));
-  EXPECT_THAT(
-      agentLog.lines(),
-      ElementsAre("Description: Src", "EntryPoint: a.pl",
-                  "DocumentType: " + catalogue + "/sample/control/d.dtd",
-                  "Interpreter: perl"));
-  EXPECT_EQ("sample", agent->getName());
-  EXPECT_EQ("/bin/sh", factory.getAgent("sh")->getInterpreterOrDefault());
-  EXPECT_EQ("", factory.getAgent("sh")->getDocumentTypePath());
+  EXPECT_EQ("sample|Src|a.pl|perl|" + catalogue + "/sample/control/d.dtd",
+            agent->getName() + "|" + agent->getDescription() + "|" +
+                agent->getEntryPoint() + "|" +
+                agent->getInterpreterOrDefault() + "|" +
+                agent->getDocumentTypePath());
+  std::shared_ptr<Agent> sh = factory.getAgent("sh");
+  EXPECT_EQ("/bin/sh|",
+            sh->getInterpreterOrDefault() + "|" + sh->getDocumentTypePath());
   for (const char* name : {"bad", "dir-spec", "no-spec", "absent"}) {
     try {
       factory.getAgent(name);
@@ -96,14 +92,14 @@ TEST(AgentsFactoryTest, FindsRejectsAndKeepsAgents) {
                 e.what());
     }
   }
-  // The placeholder is written out as it stands, the path right after it.
+  // The placeholder is written out as it stands, the path right after it:
+  // the panel's log readers match on this line.
   EXPECT_THAT(log.lines(),
               Contains("%1% is not a valid agent spec file" + spec("bad")));
-  for (const char* name : {"dir-spec", "no-spec", "absent"})
-    EXPECT_THAT(log.lines(), Contains(spec(name) + " is not a regular file"));
 
   // Parsed once: a mended or changed spec is read by a new factory only,
-  // which finds every valid agent of the catalogue.
+  // which finds every valid agent of the catalogue; once the catalogue is
+  // gone only what was cached is left.
   writeFile(spec("sample"), "EntryPoint: second.pl\n");
   writeFile(spec("bad"), "EntryPoint: right.pl\n");
   EXPECT_TRUE(factory.parseAgent("sample", catalogue + "/sample"));
@@ -111,17 +107,10 @@ TEST(AgentsFactoryTest, FindsRejectsAndKeepsAgents) {
   EXPECT_EQ("a.pl", agent->getEntryPoint());
   AgentsFactory later;
   later.getAllAgents();
-  EXPECT_THAT(log.lines(), ::testing::Not(Contains("Parsing loose-file")));
-  // Once the catalogue is gone only what was cached is left, and no
-  // warning: a missing catalogue is no broken agent.
   boost::filesystem::rename(catalogue, catalogue + ".gone");
-  size_t lines = log.lines().size();
   EXPECT_EQ("right.pl", later.getAgent("bad")->getEntryPoint());
   EXPECT_EQ("second.pl", later.getAgent("sample")->getEntryPoint());
   EXPECT_THROW(later.getAgent("nothing"), Exc<&AgentNotFound>);
-  AgentsFactory().getAllAgents();
-  EXPECT_EQ(lines + 2, log.lines().size());
-  EXPECT_EQ("Parsing available agents info", log.lines().back());
   dyrConfResetForTesting(nullptr);
 }
 

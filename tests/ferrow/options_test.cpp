@@ -78,10 +78,9 @@ class OptionsTest : public ::testing::Test {
 
 TEST_F(OptionsTest, ScannerFillsTheRecordOrRefuses) {
   // "-xh" leaves the scanner inside a cluster: the next call must start
-  // afresh and not see its "h". Unknown options, missing values and help
+  // afresh and not see its "h". Other refusals of the scanner and help
   // winning are seen from outside in tests/cli.
-  for (const char* bad : {"--dump", "--send-scout=yes", "-xh --send-scout"})
-    parse(bad, false);
+  parse("-xh --send-scout", false);
   // The action, then the port: 0 when absent, -1 outside [1, 65535]; strtol
   // reads the leading number.
   std::string scanned;
@@ -142,42 +141,40 @@ TEST_F(OptionsTest, RefusalsComeInTheirOrder) {
   };
   const std::string login = "DYR_PASSWORD=p --host=h --login=l ";
   const std::string agent = login + "--agent-dir=a --agent-name=n ";
-  EXPECT_EQ(no + "No action given", refusal("--no-check-space"));
-  EXPECT_EQ(onlyWith("no-check-space", "get-content"),
-            refusal(agent + "--deploy-agent --no-check-space --no-content"));
-  EXPECT_EQ(onlyWith("no-encryption", "get-content"),
-            refusal(agent + "--dump-all --no-encryption --no-content"));
-  EXPECT_EQ(onlyWith("no-content", "dump-*"), refusal("--help --no-content"));
-  EXPECT_EQ("", refusal(agent + "--get-content --no-check-space "
-                                "--no-encryption"));
-  EXPECT_EQ("", refusal(agent + "--dump-selected --no-content"));
+  const std::string rm = agent + "--remove-agent --host-key-fingerprint=";
   const std::string pin = "SHA256:" + std::string(42, 'A') + "+";
-  EXPECT_EQ(no + "strict-host-key-checking should be one of yes, accept-new, "
-                 "no",
-            refusal(agent + "--remove-agent --strict-host-key-checking=ask"));
-  for (const std::string& bad : {pin + "=", "SHA256:" + std::string(43, '-'),
-                                 "MD5:" + pin.substr(4)}) {
-    EXPECT_EQ(no + "host-key-fingerprint should be SHA256: followed by 43 "
-                   "base64 characters, as ssh-keygen -lf prints it",
-              refusal(agent + "--remove-agent --host-key-fingerprint=" + bad));
-  }
-  EXPECT_EQ("", refusal(agent + "--remove-agent --host-key-fingerprint=" +
-                        pin + " --strict-host-key-checking=no"));
-
+  const std::string badPin =
+      no +
+      "host-key-fingerprint should be SHA256: followed by 43 base64 "
+      "characters, as ssh-keygen -lf prints it";
+  // clang-format off
+  const std::pair<std::string, std::string> rows[] = {
+      {"--no-check-space", no + "No action given"},
+      {agent + "--deploy-agent --no-check-space --no-content", onlyWith("no-check-space", "get-content")},
+      {agent + "--dump-all --no-encryption --no-content", onlyWith("no-encryption", "get-content")},
+      {"--help --no-content", onlyWith("no-content", "dump-*")},
+      {agent + "--get-content --no-check-space --no-encryption", ""},
+      {agent + "--dump-selected --no-content", ""},
+      {agent + "--remove-agent --strict-host-key-checking=ask", no + "strict-host-key-checking should be one of yes, accept-new, no"},
+      {rm + pin + "=", badPin},
+      {rm + "SHA256:" + std::string(43, '-'), badPin},
+      {rm + "MD5:" + pin.substr(4), badPin},
+      {rm + pin + " --strict-host-key-checking=no", ""},
+  };
   // The actions that never connect refuse every connection option, in this
   // order.
-  const std::vector<std::string> options = {
-      "--host=h",      "--port=22",      "--login=l",      "DYR_PASSWORD=p",
-      "--agent-dir=a", "--agent-name=n", "--sudo-password",
-      "--strict-host-key-checking=no"};
-  const std::vector<std::string> what = {
-      "host",       "port",           "login", "password", "agent directory",
-      "agent name", "sudo parameters", "host key checking"};
+  const std::pair<std::string, std::string> options[] = {
+      {"--host=h", "host"}, {"--port=22", "port"}, {"--login=l", "login"}, {"DYR_PASSWORD=p", "password"},
+      {"--agent-dir=a", "agent directory"}, {"--agent-name=n", "agent name"}, {"--sudo-password", "sudo parameters"},
+      {"--strict-host-key-checking=no", "host key checking"}};
+  // clang-format on
+  for (const auto& r : rows) EXPECT_EQ(r.second, refusal(r.first)) << r.first;
   for (const char* action : {"--remove-dumping-status ", "-h "}) {
     for (size_t first = 0; first <= 8; ++first) {
       std::string line = action;
-      for (size_t i = first; i < 8; ++i) line += options[i] + " ";
-      EXPECT_EQ(first < 8 ? notAllowed(what[first]) : "", refusal(line));
+      for (size_t i = first; i < 8; ++i) line += options[i].first + " ";
+      EXPECT_EQ(first < 8 ? notAllowed(options[first].second) : "",
+                refusal(line));
     }
   }
   // The others need each in turn; the scout refuses the agent's.
@@ -211,10 +208,11 @@ TEST_F(OptionsTest, DumpArgumentsAndInput) {
     std::string name = dir.path() + "/" + std::to_string(++files) + ".xml";
     ferrow_test::writeFile(name,
                            "<?xml version=\"1.0\"?><any>" + body + "</any>");
-    return "--selected-objects-file=" + name;
+    return name;
   };
   auto params = [&](const std::string& filter, const std::string& level) {
-    return objects("<parameters filter='" + filter + "' compression-level='" +
+    return " --selected-objects-file=" +
+           objects("<parameters filter='" + filter + "' compression-level='" +
                    level + "'/>");
   };
   // Names go to the input only, the file's first; a second "-" goes on as
@@ -228,47 +226,37 @@ TEST_F(OptionsTest, DumpArgumentsAndInput) {
       "filter='only-mail' compression-level='do-not-compress'/>");
   const std::string s = "--dump-selected ", m = "--migration-mode ",
                     i = "--include-app-distrib ",
-                    r = "--content-transport=rsync ";
+                    r = "--content-transport=rsync ",
+                    lists =
+                        "--dump-domains=- --dump-clients=- "
+                        "--dump-resellers=- --only-mail --no-compress ";
+  // clang-format off
   const std::pair<std::string, std::string> cases[] = {
-      {s + "--domains=a,b --clients=- --resellers=r1 --only-mail --no-compress "
-           "--server --admin-info --no-license --no-content",
-       m +
-           "--dump-domains=- --dump-clients=- --dump-resellers=- --only-mail "
-           "--no-compress " +
-           i + "--server --admin-info --no-license |a,b\n-\nr1\n"},
-      {s + "--content-transport=cat --clients=c1,c2 --only-hosting",
-       m + "--dump-clients=- --only-hosting " + i + "|c1,c2\n"},
-      {s + r + "DYR_PASSWORD=pw --host=s --login=a --port=2222 --domains=d",
-       r + m + "--dump-domains=- " + i + "|s\na\npw\n2222\nd\n"},
-      {"--dump-all --port=x --domains=x --clients=x --resellers=x --only-mail "
-       "--no-compress --server --admin-info --no-license "
-       "--selected-objects-file=/nonexistent " +
-           r,
+      {s + "--domains=a,b --clients=- --resellers=r1 --only-mail --no-compress --server --admin-info --no-license --no-content",
+       m + lists + i + "--server --admin-info --no-license |a,b\n-\nr1\n"},
+      {s + "--content-transport=cat --clients=c1,c2 --only-hosting", m + "--dump-clients=- --only-hosting " + i + "|c1,c2\n"},
+      {s + r + "DYR_PASSWORD=pw --host=s --login=a --port=2222 --domains=d", r + m + "--dump-domains=- " + i + "|s\na\npw\n2222\nd\n"},
+      {"--dump-all --port=x --domains=x --clients=x --resellers=x --only-mail --no-compress --server --admin-info --no-license --selected-objects-file=/nonexistent " + r,
        r + m + "--dump-all |\n\n\n\n"},
-      {s + "--domains=c --resellers=r " + all,
-       m +
-           "--dump-domains=- --dump-clients=- --dump-resellers=- --only-mail "
-           "--no-compress " +
-           i + "|a,b,c\nc1,c2\nr\n"},
-      {s + params("only-phosting", "standard"),
-       m + "--only-hosting " + i + "|"},
+      {s + "--domains=c --resellers=r --selected-objects-file=" + all, m + lists + i + "|a,b,c\nc1,c2\nr\n"},
+      {s + params("only-phosting", "standard"), m + "--only-hosting " + i + "|"},
       {s + params("only-hosting", "fast"), m + i + "|"},
-      {s + "--only-mail --no-compress " + params("only-phosting", "standard"),
-       m + "--only-mail --no-compress " + i + "|"},
+      {s + "--only-mail --no-compress" + params("only-phosting", "standard"), m + "--only-mail --no-compress " + i + "|"},
   };
+  // clang-format on
   for (const auto& c : cases) EXPECT_EQ(c.second, dump(c.first)) << c.first;
   // Only the command line decides server, admin information and licence,
   // but the file's are read.
   DumpSelection flags, serverOnly;
-  parseSelectedObjectsFile(all.substr(all.find('=') + 1), flags);
+  parseSelectedObjectsFile(all, flags);
+  parseSelectedObjectsFile(objects("<server/>"), serverOnly);
   EXPECT_TRUE(flags.server && flags.noLicense && flags.adminInfo);
-  std::string server = objects("<server/>");
-  parseSelectedObjectsFile(server.substr(server.find('=') + 1), serverOnly);
   EXPECT_TRUE(serverOnly.server && !serverOnly.noLicense &&
               !serverOnly.adminInfo);
   EXPECT_THROW(dump(s + "--selected-objects-file=/nonexistent"),
                Exc<&tError_WrongInputFile>);
-  EXPECT_THROW(dump(s + objects("<domain>")), Exc<&tError_ParseFile>);
+  EXPECT_THROW(dump(s + "--selected-objects-file=" + objects("<domain>")),
+               Exc<&tError_ParseFile>);
 }
 
 // The code of the tag alone, then wrapped by an action: a connection failure
@@ -294,9 +282,9 @@ TEST(ExitCodeTest, ConnectionFailuresHaveTheirOwnCodesEvenWhenWrapped) {
 
 TEST(DriverPartsTest, StandardInputListAndUnknownActions) {
   // One line goes to the first "-" list (resellers, clients, domains).
-  const char* const cases[][4] = {{"", "-", "-", "|c1,c2|-|d1"},
-                                  {"-", "", "-", "c1,c2||-|d1"},
-                                  {"", "", "a,-", "||a,-|c1,c2"}};
+  // clang-format off
+  const char* const cases[][4] = {{"", "-", "-", "|c1,c2|-|d1"}, {"-", "", "-", "c1,c2||-|d1"}, {"", "", "a,-", "||a,-|c1,c2"}};
+  // clang-format on
   for (const auto& c : cases) {
     config cfg;
     cfg.resellers = c[0], cfg.clients = c[1], cfg.domains = c[2];
