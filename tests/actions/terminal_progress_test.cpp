@@ -11,49 +11,35 @@ namespace tovel {
 namespace {
 
 TEST(ProgressLineTest, Wording) {
-  const struct {
-    int64_t value;
-    const char *bytes, *duration;
-  } units[] = {{0, "0 B", "0:00"},
-               {7, "7 B", "0:07"},
-               {754, "754 B", "12:34"},
-               {1023, "1023 B", "17:03"},
-               {1024, "1.0 KiB", "17:04"},
-               {1536, "1.5 KiB", "25:36"},
-               {3599, "3.5 KiB", "59:59"},
-               {3723, "3.6 KiB", "1:02:03"},
-               {360000, "351.6 KiB", "100:00:00"},
-               {13107200, "12.5 MiB", nullptr},
-               {3LL << 30, "3.0 GiB", nullptr},
-               {2048LL << 40, "2048.0 TiB", nullptr},  // nothing beyond TiB
-               {-5, "-5 B", "--:--"},  // more came than was listed
-               {-2048, "-2.0 KiB", nullptr}};
+  // clang-format off
+  const struct { int64_t value; const char *bytes, *duration; } units[] = {
+      {0, "0 B", "0:00"}, {7, "7 B", "0:07"}, {754, "754 B", "12:34"},
+      {1023, "1023 B", "17:03"}, {1024, "1.0 KiB", "17:04"},
+      {1536, "1.5 KiB", "25:36"}, {3599, "3.5 KiB", "59:59"},
+      {3723, "3.6 KiB", "1:02:03"}, {360000, "351.6 KiB", "100:00:00"},
+      {13107200, "12.5 MiB", nullptr}, {3LL << 30, "3.0 GiB", nullptr},
+      {2048LL << 40, "2048.0 TiB", nullptr},  // nothing beyond TiB
+      {-5, "-5 B", "--:--"},  // more came than was listed
+      {-2048, "-2.0 KiB", nullptr}};
+  // clang-format on
   for (const auto& u : units) {
     EXPECT_EQ(formatByteCount(u.value), u.bytes) << u.value;
     if (u.duration) {
       EXPECT_EQ(formatDuration(u.value), u.duration) << u.value;
     }
   }
-  const struct {
-    TransferFigures f;
-    const char* line;
-  } lines[] = {
-      {TransferFigures{7, 3, 40 << 20, 27 << 20, 1 << 20},
-       "3 of 7 files left, 13.0 MiB of 40.0 MiB (32%), 1.0 MiB/s, 0:27 left"},
+  // clang-format off
+  const struct { TransferFigures f; const char* line; } lines[] = {
+      {{7, 3, 40 << 20, 27 << 20, 1 << 20}, "3 of 7 files left, 13.0 MiB of 40.0 MiB (32%), 1.0 MiB/s, 0:27 left"},
       // The time left is rounded up: 1001 bytes at 1000 B/s take 2 s.
-      {TransferFigures{1, 1, 2001, 1001, 1000},
-       "1 of 1 files left, 1000 B of 2.0 KiB (49%), 1000 B/s, 0:02 left"},
-      // No speed yet, no estimate.
-      {TransferFigures{2, 2, 4096, 1024, 0},
-       "2 of 2 files left, 3.0 KiB of 4.0 KiB (75%), 0 B/s, --:-- left"},
-      {TransferFigures{0, 0, 0, 0, 0},
-       "0 of 0 files left, 0 B of 0 B, 0 B/s, 0:00 left"},
+      {{1, 1, 2001, 1001, 1000}, "1 of 1 files left, 1000 B of 2.0 KiB (49%), 1000 B/s, 0:02 left"},
+      {{2, 2, 4096, 1024, 0}, "2 of 2 files left, 3.0 KiB of 4.0 KiB (75%), 0 B/s, --:-- left"},
+      {{0, 0, 0, 0, 0}, "0 of 0 files left, 0 B of 0 B, 0 B/s, 0:00 left"},
       // Done, some skipped (their bytes never counted as fetched).
-      {TransferFigures{3, 0, 3072, 1024, 0},
-       "0 of 3 files left, 2.0 KiB of 3.0 KiB (66%), 0 B/s, 0:00 left"},
-      {TransferFigures{1, 1, 1024, -1024, 512},
-       "1 of 1 files left, 2.0 KiB of 1.0 KiB (100%), 512 B/s, 0:00 left"},
+      {{3, 0, 3072, 1024, 0}, "0 of 3 files left, 2.0 KiB of 3.0 KiB (66%), 0 B/s, 0:00 left"},
+      {{1, 1, 1024, -1024, 512}, "1 of 1 files left, 2.0 KiB of 1.0 KiB (100%), 512 B/s, 0:00 left"},
   };
+  // clang-format on
   for (const auto& l : lines) EXPECT_EQ(formatProgressLine(l.f), l.line);
 }
 
@@ -76,9 +62,12 @@ std::vector<std::string> redraws(const std::string& text) {
 TEST(TerminalProgressViewTest, RedrawsInPlaceAtMostFiveTimesASecond) {
   std::ostringstream out;
   TerminalProgressView view(out, 0, &fakeClock);
+  auto figures = [](int64_t filesLeft, int64_t sizeLeft) {
+    return TransferFigures{2, filesLeft, 4096, sizeLeft, 0};
+  };
   auto step = [&](int ms, int64_t filesLeft, int64_t sizeLeft) {
     fakeNow += std::chrono::milliseconds(ms);
-    view.transferProgress(TransferFigures{2, filesLeft, 4096, sizeLeft, 0});
+    view.transferProgress(figures(filesLeft, sizeLeft));
   };
   step(0, 2, 4096);
   step(50, 2, 3072);   // too soon
@@ -90,12 +79,9 @@ TEST(TerminalProgressViewTest, RedrawsInPlaceAtMostFiveTimesASecond) {
   view.finish();
   const std::string shown = out.str();
   std::vector<std::string> expected;
-  for (auto f : {TransferFigures{2, 2, 4096, 4096, 0},
-                 TransferFigures{2, 2, 4096, 1024, 0},
-                 TransferFigures{2, 1, 4096, 1024, 0},
-                 TransferFigures{2, 1, 4096, 0, 0}}) {
+  for (auto f :
+       {figures(2, 4096), figures(2, 1024), figures(1, 1024), figures(1, 0)})
     expected.push_back(formatProgressLine(f));
-  }
   EXPECT_EQ(redraws(shown), expected);
   EXPECT_EQ(shown.back(), '\n');
   view.finish();  // nothing more once finished
