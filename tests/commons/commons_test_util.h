@@ -39,10 +39,10 @@ struct HostLogCapture {
   std::string text_;
 };
 
-// "d 0:0 0750": directory or file, owner, group, permissions; or "missing".
+// "d 0:0 0750": directory or file, owner, group, permissions.
 inline std::string describe(const std::string& path) {
-  struct stat st;
-  if (stat(path.c_str(), &st) != 0) return "missing";
+  struct stat st = {};
+  stat(path.c_str(), &st);
   return std::string(S_ISDIR(st.st_mode) ? "d " : "f ") +
          std::to_string(st.st_uid) + ":" + std::to_string(st.st_gid) + " 0" +
          std::to_string(st.st_mode >> 6 & 7) +
