@@ -1,5 +1,4 @@
-// The exception family (codes, messages, ids, nesting, the plain-text
-// rendering through the visitor) and the system errors carrying errno.
+// Exceptions (codes, messages, ids, nesting, plain text) and system errors.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -38,15 +37,13 @@ TEST(ExcTest, CodeMessagePlaceAndNestedCause) {
     Exc<&SshConnectionFault> inner("int g()", "./a.cpp", 1);
     outer.reset(new Exc<&CantRetrieveDump>(inner, "void h()", "./b.cpp", 2));
   }
-  // A copy owns a copy of the cause; every construction has its own id,
-  // copies keep it.
+  // A copy owns a copy of the cause and keeps the ids.
   Exc<&CantRetrieveDump> copy(*outer);
   const std::string id = outer->id(), innerId = outer->inner()->id();
   EXPECT_EQ(36u, id.size());
   EXPECT_NE(id, innerId);
   EXPECT_EQ(id, std::unique_ptr<ExTraceable>(outer->clone())->id());
   outer.reset();
-  // The visitor's severity shows in the run record (tests/log).
   EXPECT_EQ("CantRetrieveDump[" + id +
                 "]: Error during dump retrieval [./b.cpp:2]\nvoid h()\n"
                 "Inner exception:\nSshConnectionFault[" +

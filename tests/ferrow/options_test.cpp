@@ -1,6 +1,4 @@
-// The command line and the password variables into a config record, the
-// refusals in the order they are checked, the agent's dump arguments and
-// input, the exit-code table and the list read from standard input.
+// Options into a config record, refusals, dump arguments, exit codes.
 #include "ferrow/options.h"
 
 #include <gtest/gtest.h>
@@ -27,19 +25,18 @@ class OptionsTest : public ::testing::Test {
     unsetenv("DYR_SUDO_PASSWORD");
   }
 
-  // Parses blank-separated words after "ferrow"; words such as
-  // "DYR_PASSWORD=p" set the environment first, as a shell would. The
-  // scanner must answer `ok`, printing its diagnostic only when it refuses.
+  // Words "DYR_...=v" set the environment; the scanner must answer `ok`,
+  // printing its diagnostic only when it refuses.
   static config parse(const std::string& line, bool ok = true) {
     clearEnvironment();
     std::vector<std::string> words = {"ferrow"};
     std::istringstream in(line);
     for (std::string w; in >> w;) {
       size_t eq = w.find('=');
-      if (w.compare(0, 4, "DYR_") != 0)
-        words.push_back(w);
-      else
+      if (w.compare(0, 4, "DYR_") == 0)
         setenv(w.substr(0, eq).c_str(), w.substr(eq + 1).c_str(), 1);
+      else
+        words.push_back(w);
     }
     std::vector<char*> argv;
     for (std::string& w : words) argv.push_back(&w[0]);
@@ -76,21 +73,17 @@ class OptionsTest : public ::testing::Test {
   }
 };
 
-TEST_F(OptionsTest, ScannerFillsTheRecordOrRefuses) {
-  // "-xh" leaves the scanner inside a cluster: the next call must start
-  // afresh and not see its "h". Other refusals of the scanner and help
-  // winning are seen from outside in tests/cli.
+TEST_F(OptionsTest, ScannerFillsTheRecordAndReadsPasswords) {
+  // "-xh" leaves the scanner inside a cluster: the next call starts afresh.
   parse("-xh --send-scout", false);
-  // The action, then the port: 0 when absent, -1 outside [1, 65535]; strtol
-  // reads the leading number.
+  // The action, then the port: 0 when absent, -1 outside [1, 65535].
   std::string scanned;
-  for (const char* line :
-       {"--send-scout --port=1", "--deploy-agent --port 65535",
-        "--get-dumping-status --port=0", "--dump-selected --port=65536",
-        "--dump-all --port=abc", "--get-content --port=-22",
-        "--remove-agent --port=2222x", "--remove-dumping-status",
-        "--port=abc --port=22", "--send-scout -h",
-        "--get-content --get-content"}) {
+  // clang-format off
+  for (const char* line : {"--send-scout --port=1", "--deploy-agent --port 65535", "--get-dumping-status --port=0",
+                           "--dump-selected --port=65536", "--dump-all --port=abc", "--get-content --port=-22",
+                           "--remove-agent --port=2222x", "--remove-dumping-status", "--port=abc --port=22",
+                           "--send-scout -h", "--get-content --get-content"}) {
+    // clang-format on
     config c = parse(line);
     scanned += std::to_string(c.action) + "/" + std::to_string(c.port) + " ";
   }
@@ -106,19 +99,11 @@ TEST_F(OptionsTest, ScannerFillsTheRecordOrRefuses) {
                 "|" + std::to_string(cfg.only) + "|" +
                 std::to_string(cfg.verbose));
   EXPECT_EQ(2, parse("--only-mail --only-hosting").only);
-  EXPECT_EQ("new", parse("--host=old --ip=new").host);
-}
-
-TEST_F(OptionsTest, PasswordsComeFromTheEnvironment) {
-  EXPECT_FALSE(parse("DYR_SUDO_PASSWORD=x --send-scout").sudoPasswordProvided);
-  config absent = parse("--sudo-password");
-  EXPECT_TRUE(absent.sudo && !absent.sudoPasswordProvided);
-  EXPECT_TRUE(parse("DYR_SUDO_PASSWORD= --sudo-password").sudoPasswordProvided);
+  // The sudo password stays set; an absent or empty one: see the refusals.
   EXPECT_EQ("s3cr",
             parse("DYR_SUDO_PASSWORD=s3cr --sudo-password").sudoPassword);
-  EXPECT_NE(nullptr, std::getenv("DYR_SUDO_PASSWORD"));  // left for others
-  // DYR_PASSWORD is read once, cut at 4096 characters and removed, so no
-  // later child inherits it.
+  EXPECT_NE(nullptr, std::getenv("DYR_SUDO_PASSWORD"));
+  // DYR_PASSWORD is read once, cut at 4096 and removed: no child inherits it.
   std::string longer = std::string(4095, 'b') + "ZTAIL";
   EXPECT_EQ(longer.substr(0, 4096),
             parse("DYR_PASSWORD=" + longer + " --send-scout").password);
@@ -128,26 +113,16 @@ TEST_F(OptionsTest, PasswordsComeFromTheEnvironment) {
 }
 
 TEST_F(OptionsTest, RefusalsComeInTheirOrder) {
-  const std::string no = "Unable to parse command line: ";
-  auto notAllowed = [&](const std::string& what) {
-    return no + what + " is not allowed with --help or -h\n";
-  };
-  auto required = [&](const std::string& what) {
-    return no + what + " is required unless --help or -h requested\n";
-  };
-  auto onlyWith = [&](const std::string& option, const std::string& action) {
-    return no + "'--" + option + "' only may be specified when '--" + action +
-           "' is requested";
-  };
-  const std::string login = "DYR_PASSWORD=p --host=h --login=l ";
-  const std::string agent = login + "--agent-dir=a --agent-name=n ";
-  const std::string rm = agent + "--remove-agent --host-key-fingerprint=";
-  const std::string pin = "SHA256:" + std::string(42, 'A') + "+";
-  const std::string badPin =
-      no +
-      "host-key-fingerprint should be SHA256: followed by 43 base64 "
-      "characters, as ssh-keygen -lf prints it";
   // clang-format off
+  const std::string no = "Unable to parse command line: ";
+  auto notAllowed = [&](const std::string& what) { return no + what + " is not allowed with --help or -h\n"; };
+  auto required = [&](const std::string& what) { return no + what + " is required unless --help or -h requested\n"; };
+  auto onlyWith = [&](const std::string& option, const std::string& action) {
+    return no + "'--" + option + "' only may be specified when '--" + action + "' is requested";
+  };
+  const std::string login = "DYR_PASSWORD=p --host=h --login=l ", agent = login + "--agent-dir=a --agent-name=n ";
+  const std::string rm = agent + "--remove-agent --host-key-fingerprint=", pin = "SHA256:" + std::string(42, 'A') + "+";
+  const std::string badPin = no + "host-key-fingerprint should be SHA256: followed by 43 base64 characters, as ssh-keygen -lf prints it";
   const std::pair<std::string, std::string> rows[] = {
       {"--no-check-space", no + "No action given"},
       {agent + "--deploy-agent --no-check-space --no-content", onlyWith("no-check-space", "get-content")},
@@ -161,8 +136,7 @@ TEST_F(OptionsTest, RefusalsComeInTheirOrder) {
       {rm + "MD5:" + pin.substr(4), badPin},
       {rm + pin + " --strict-host-key-checking=no", ""},
   };
-  // The actions that never connect refuse every connection option, in this
-  // order.
+  // The actions that never connect refuse connection options in this order.
   const std::pair<std::string, std::string> options[] = {
       {"--host=h", "host"}, {"--port=22", "port"}, {"--login=l", "login"}, {"DYR_PASSWORD=p", "password"},
       {"--agent-dir=a", "agent directory"}, {"--agent-name=n", "agent name"}, {"--sudo-password", "sudo parameters"},
@@ -178,12 +152,9 @@ TEST_F(OptionsTest, RefusalsComeInTheirOrder) {
     }
   }
   // The others need each in turn; the scout refuses the agent's.
-  const char* const names[] = {
-      "send-scout", "deploy-agent", "get-dumping-status", "dump-selected",
-      "dump-all",   "get-content",  "remove-agent"};
-  for (int action = kSendScout; action <= kRemoveAgent; ++action) {
-    std::string a = std::string("--") + names[action] + " --sudo-password ";
-    bool scout = action == kSendScout;
+  for (const std::string action : {"--send-scout", "--deploy-agent"}) {
+    std::string a = action + " --sudo-password ";
+    bool scout = action == "--send-scout";
     EXPECT_EQ(required("host"), refusal(a + "--port=0"));
     EXPECT_EQ(no + "port should be a number in [1, 65535] range",
               refusal(a + "--host=h --port=0"));
@@ -215,22 +186,14 @@ TEST_F(OptionsTest, DumpArgumentsAndInput) {
            objects("<parameters filter='" + filter + "' compression-level='" +
                    level + "'/>");
   };
-  // Names go to the input only, the file's first; a second "-" goes on as
-  // it is. The rsync password goes to the input, never on a command line.
-  // A full dump ignores every selection and does not read the file. The
-  // file spells hosting "only-phosting"; the command line wins.
-  const std::string all = objects(
-      "<domain><name>a</name></domain><x><domain><name>b</name></domain></x>"
-      "<client><name>c1</name></client><client><name>c2</name></client>"
-      "<server><license/></server><admin-info/><parameters "
-      "filter='only-mail' compression-level='do-not-compress'/>");
-  const std::string s = "--dump-selected ", m = "--migration-mode ",
-                    i = "--include-app-distrib ",
-                    r = "--content-transport=rsync ",
-                    lists =
-                        "--dump-domains=- --dump-clients=- "
-                        "--dump-resellers=- --only-mail --no-compress ";
+  // Names go to the input only, the file's first; the rsync password too. A
+  // full dump ignores every selection. The file spells "only-phosting".
   // clang-format off
+  const std::string all = objects("<domain><name>a</name></domain><x><domain><name>b</name></domain></x><client><name>c1</name>"
+                                  "</client><client><name>c2</name></client><server><license/></server><admin-info/>"
+                                  "<parameters filter='only-mail' compression-level='do-not-compress'/>");
+  const std::string s = "--dump-selected ", m = "--migration-mode ", i = "--include-app-distrib ", r = "--content-transport=rsync ";
+  const std::string lists = "--dump-domains=- --dump-clients=- --dump-resellers=- --only-mail --no-compress ";
   const std::pair<std::string, std::string> cases[] = {
       {s + "--domains=a,b --clients=- --resellers=r1 --only-mail --no-compress --server --admin-info --no-license --no-content",
        m + lists + i + "--server --admin-info --no-license |a,b\n-\nr1\n"},
@@ -245,8 +208,7 @@ TEST_F(OptionsTest, DumpArgumentsAndInput) {
   };
   // clang-format on
   for (const auto& c : cases) EXPECT_EQ(c.second, dump(c.first)) << c.first;
-  // Only the command line decides server, admin information and licence,
-  // but the file's are read.
+  // The file's server, admin-info and licence are read, not used.
   DumpSelection flags, serverOnly;
   parseSelectedObjectsFile(all, flags);
   parseSelectedObjectsFile(objects("<server/>"), serverOnly);
@@ -259,8 +221,7 @@ TEST_F(OptionsTest, DumpArgumentsAndInput) {
                Exc<&tError_ParseFile>);
 }
 
-// The code of the tag alone, then wrapped by an action: a connection failure
-// keeps its code.
+// The code of the tag alone, then wrapped by an action.
 template <ExcTag Tag>
 std::string codesOf() {
   Exc<Tag> e("f", "./f.cpp", 1);
@@ -270,14 +231,13 @@ std::string codesOf() {
 }
 
 TEST(ExitCodeTest, ConnectionFailuresHaveTheirOwnCodesEvenWhenWrapped) {
-  EXPECT_EQ(
-      "11/11 12/12 13/13 14/14 15/15 16/16 17/17 18/18 19/19 2/2 2/2 ",
-      codesOf<&ConnectionRefused>() + codesOf<&ConnectionTimedOut>() +
-          codesOf<&NetworkUnreachable>() + codesOf<&HostUnreachable>() +
-          codesOf<&ConnectionFault>() + codesOf<&HostNotFound>() +
-          codesOf<&SshInvalidCredentials>() + codesOf<&SshConnectionFault>() +
-          codesOf<&SshHostKeyVerificationFailed>() +
-          codesOf<&SshAuthorizationFailed>() + codesOf<&NotEnoughSpace>());
+  // clang-format off
+  EXPECT_EQ("11/11 12/12 13/13 14/14 15/15 16/16 17/17 18/18 19/19 2/2 2/2 ",
+            codesOf<&ConnectionRefused>() + codesOf<&ConnectionTimedOut>() + codesOf<&NetworkUnreachable>() +
+                codesOf<&HostUnreachable>() + codesOf<&ConnectionFault>() + codesOf<&HostNotFound>() +
+                codesOf<&SshInvalidCredentials>() + codesOf<&SshConnectionFault>() +
+                codesOf<&SshHostKeyVerificationFailed>() + codesOf<&SshAuthorizationFailed>() + codesOf<&NotEnoughSpace>());
+  // clang-format on
 }
 
 TEST(DriverPartsTest, StandardInputListAndUnknownActions) {
@@ -295,11 +255,9 @@ TEST(DriverPartsTest, StandardInputListAndUnknownActions) {
     EXPECT_EQ(c[3], cfg.resellers + "|" + cfg.clients + "|" + cfg.domains +
                         "|" + rest);
   }
-  config cfg;
-  for (int action : {kHelp, kNoAction}) {
-    cfg.action = action;
-    EXPECT_THROW(getActionByIdInternal(cfg), Exc<&UnknownAction>);
-  }
+  config help;
+  help.action = kHelp;
+  EXPECT_THROW(getActionByIdInternal(help), Exc<&UnknownAction>);
 }
 
 }  // namespace
