@@ -8,7 +8,7 @@
 #include <sstream>
 #include <thread>
 
-#include "support/sshd_server.h"
+#include "support/source_login.h"
 
 namespace ferrow_test {
 namespace {
@@ -30,10 +30,8 @@ std::string keyOf(const std::string& line, int skip) {
 
 // The server's own key, as ssh-keyscan sees it, and its fingerprint.
 std::string serverKey() {
-  RunResult scan =
-      runCommand({"ssh-keyscan", "-p",
-                  std::to_string(SshdServer::shared().port()), "127.0.0.1"});
-  return keyOf(scan.out, 1);
+  const std::string port = std::to_string(SshdServer::shared().port());
+  return keyOf(runCommand({"ssh-keyscan", "-p", port, "127.0.0.1"}).out, 1);
 }
 std::string fingerprintOf(const std::string& key) {
   return keyOf(runCommand({"ssh-keygen", "-lf", "-"}, key + "\n").out, 1)
@@ -56,16 +54,12 @@ class HostKeyTest : public ::testing::Test {
   // A run that connects and logs in as root, and removes nothing.
   RunResult run(std::vector<std::string> extra = {},
                 const std::string& session = "session") const {
-    std::vector<std::string> args = {
-        "--remove-agent",
-        "--host=127.0.0.1",
-        "--port=" + std::to_string(SshdServer::shared().port()),
-        "--login=" + rootAccount().name,
-        "--agent-dir=/nonexistent-agent",
-        "--agent-name=x",
-        "--session-path=" + install_.sessionPath(session)};
-    args.insert(args.end(), extra.begin(), extra.end());
-    return install_.run(args, {{"DYR_PASSWORD", rootAccount().password}});
+    SourceLogin login = sourceLogin(rootAccount(), false);
+    extra.insert(
+        extra.end(),
+        {"--remove-agent", "--agent-name=x", "--agent-dir=/nonexistent-agent",
+         "--session-path=" + install_.sessionPath(session)});
+    return install_.run(withLogin(login, extra), login.env);
   }
   FerrowInstallation install_;
 };
@@ -76,83 +70,67 @@ TEST_F(HostKeyTest, FirstContactRecordsTheServersKeyOnce) {
   ASSERT_EQ(0, stat(file().c_str(), &st));
   EXPECT_EQ(0600u, st.st_mode & 07777);
   EXPECT_EQ(0u, st.st_uid);
-  RunResult found =
-      runCommand({"ssh-keygen", "-F", serverName(), "-f", file()});
-  EXPECT_EQ(0, found.exitCode);
-  EXPECT_EQ(serverKey(), keyOf(readFile(file()), 1));
-  const std::string recorded = readFile(file());
-  EXPECT_EQ(1, std::count(recorded.begin(), recorded.end(), '\n'));
+  EXPECT_EQ(
+      0, runCommand({"ssh-keygen", "-F", serverName(), "-f", file()}).exitCode);
+  const std::string recorded = readFile(file()), key = serverKey();
+  EXPECT_EQ(serverName() + " " + key + "\n", recorded);
   ASSERT_EQ(0, run().exitCode);
   EXPECT_EQ(recorded, readFile(file()));
-  EXPECT_THAT(readFile(install_.sessionPath() + "/migration.log"),
-              HasSubstr("INFO p.Ssh: Host key of " + serverName() + ": " +
-                        serverKey().substr(0, serverKey().find(' ')) + " " +
-                        fingerprintOf(serverKey())));
+  EXPECT_THAT(
+      readFile(install_.sessionPath() + "/migration.log"),
+      HasSubstr("INFO p.Ssh: Host key of " + serverName() + ": " +
+                key.substr(0, key.find(' ')) + " " + fingerprintOf(key)));
 }
 
 TEST_F(HostKeyTest, EachPolicyAgainstWhatTheFileHolds) {
-  const std::string fingerprint = fingerprintOf(serverKey());
-  const std::string wrongPin = fingerprintOf(keyOf(foreignEntry("ed25519"), 1));
+  const std::string fingerprint = fingerprintOf(serverKey()),
+                    foreign = foreignEntry("ed25519"),
+                    entry = serverName() + " " + serverKey() + "\n";
   // A correct entry in hashed form among lines people write.
   TempDir scratch;
-  writeFile(scratch.path() + "/h", serverName() + " " + serverKey() + "\n");
+  writeFile(scratch.path() + "/h", entry);
   runCommand({"ssh-keygen", "-q", "-H", "-f", scratch.path() + "/h"});
   const std::string messy = "# kept\nnot a key line at all\n\n" +
                             readFile(scratch.path() + "/h") + "otherhost " +
-                            keyOf(foreignEntry("ed25519"), 1);
+                            keyOf(foreign, 1);
   const struct {
     std::string what, text;
     std::vector<std::string> args;
     int exitCode;
     const char* appended;  // nullptr: the file stays as it was
   } cases[] = {
-      {"foreign ed25519", foreignEntry("ed25519"), {}, 19, nullptr},
+      // clang-format off
+      {"foreign ed25519", foreign, {}, 19, nullptr},
       {"foreign ecdsa", foreignEntry("ecdsa"), {}, 19, nullptr},
       {"foreign rsa", foreignEntry("rsa"), {}, 19, nullptr},
-      {"unknown under yes",
-       "",
-       {"--strict-host-key-checking=yes"},
-       19,
-       nullptr},
-      {"no",
-       foreignEntry("ed25519"),
-       {"--strict-host-key-checking=no"},
-       0,
-       nullptr},
-      {"right pin",
-       foreignEntry("ed25519"),
-       {"--host-key-fingerprint=" + fingerprint},
-       0,
-       nullptr},
+      {"unknown under yes", "", {"--strict-host-key-checking=yes"}, 19, nullptr},
+      {"no", foreign, {"--strict-host-key-checking=no"}, 0, nullptr},
+      {"right pin", foreign, {"--host-key-fingerprint=" + fingerprint}, 0, nullptr},
       {"right pin, new", "", {"--host-key-fingerprint=" + fingerprint}, 0, ""},
-      {"wrong pin", "", {"--host-key-fingerprint=" + wrongPin}, 19, nullptr},
+      {"wrong pin", "", {"--host-key-fingerprint=" + fingerprintOf(keyOf(foreign, 1))}, 19, nullptr},
       {"messy, hashed match", messy, {}, 0, nullptr},
       {"no final line end", "# no line end", {}, 0, "\n"},
+      // clang-format on
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     writeFile(file(), c.text);
-    const std::string logBefore = SshdServer::shared().logText();
+    const size_t logBefore = SshdServer::shared().logText().size();
     RunResult r = run(c.args);
     EXPECT_EQ(c.exitCode, r.exitCode) << r.err;
-    const std::string text = readFile(file());
-    if (c.appended == nullptr) {
-      EXPECT_EQ(c.text, text);
-    } else {
-      EXPECT_EQ(c.text + c.appended + serverName() + " " + serverKey() + "\n",
-                text);
-    }
+    EXPECT_EQ(c.appended ? c.text + c.appended + entry : c.text,
+              readFile(file()));
     if (c.exitCode == 19) {
       EXPECT_THAT(r.err, HasSubstr("Host key verification failed for "
                                    "127.0.0.1 port " +
                                    serverName().substr(12) + ": "));
       EXPECT_THAT(r.err, HasSubstr(fingerprint));
       // Not even the login name reached the server.
-      EXPECT_THAT(SshdServer::shared().logText().substr(logBefore.size()),
+      EXPECT_THAT(SshdServer::shared().logText().substr(logBefore),
                   ::testing::Not(HasSubstr(rootAccount().name)));
     }
   }
-  writeFile(file(), foreignEntry("ed25519"));
+  writeFile(file(), foreign);
   EXPECT_THAT(run().err, HasSubstr(" in " + file() +
                                    " line 1. If the host's "
                                    "key was changed legitimately, remove the "
@@ -165,8 +143,8 @@ TEST_F(HostKeyTest, EachPolicyAgainstWhatTheFileHolds) {
 TEST_F(HostKeyTest, ParallelFirstContactsRecordOneWholeEntry) {
   const std::string unrelated = "otherhost " + serverKey() + "\n";
   writeFile(file(), unrelated);
-  std::vector<std::thread> runs;
   std::vector<int> codes(12, -1);
+  std::vector<std::thread> runs;
   for (size_t i = 0; i < codes.size(); ++i)
     runs.emplace_back(
         [&, i] { codes[i] = run({}, "session" + std::to_string(i)).exitCode; });

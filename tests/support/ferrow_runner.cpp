@@ -6,6 +6,9 @@
 
 #include <boost/filesystem.hpp>
 #include <fstream>
+#include <log4cpp/Category.hh>
+#include <log4cpp/PatternLayout.hh>
+#include <log4cpp/StringQueueAppender.hh>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
@@ -168,6 +171,34 @@ RunResult FerrowInstallation::run(const RunOptions& options,
     if (result.err.find(mark) != std::string::npos)
       ADD_FAILURE() << "sanitizer report from ferrow:\n" << result.err;
   return result;
+}
+
+std::string archiveBytes(std::size_t size, unsigned seed) {
+  std::string bytes(size, '\0');
+  for (std::size_t i = 0; i < size; ++i) {
+    seed = seed * 1103515245u + 12345u;
+    bytes[i] = static_cast<char>(seed >> 16);
+  }
+  return bytes;
+}
+
+LogCapture::LogCapture(const std::string& category)
+    : category_(log4cpp::Category::getInstance(category)),
+      appender_(new log4cpp::StringQueueAppender("capture")) {
+  auto* layout = new log4cpp::PatternLayout();
+  layout->setConversionPattern("%m");
+  appender_->setLayout(layout);
+  category_.setPriority(log4cpp::Priority::DEBUG);
+  category_.addAppender(appender_);  // the category owns it
+}
+
+LogCapture::~LogCapture() { category_.removeAppender(appender_); }
+
+std::vector<std::string> LogCapture::lines() const {
+  std::vector<std::string> copy;
+  for (auto queue = appender_->getQueue(); !queue.empty(); queue.pop())
+    copy.push_back(queue.front());
+  return copy;
 }
 
 }  // namespace ferrow_test

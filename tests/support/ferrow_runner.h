@@ -3,10 +3,16 @@
 #ifndef FERROW_TESTS_SUPPORT_FERROW_RUNNER_H_
 #define FERROW_TESTS_SUPPORT_FERROW_RUNNER_H_
 
+#include <cstddef>
 #include <map>
 #include <string>
 #include <utility>
 #include <vector>
+
+namespace log4cpp {
+class Category;
+class StringQueueAppender;
+}  // namespace log4cpp
 
 namespace ferrow_test {
 
@@ -41,6 +47,25 @@ RunResult runCommand(const std::vector<std::string>& argv,
                      const std::map<std::string, std::string>& env = {});
 
 void ensurePanelAccount();
+
+// size reproducible non-text bytes (a linear congruential sequence from
+// seed): a transfer that mangles any byte shows.
+std::string archiveBytes(std::size_t size, unsigned seed);
+
+// Collects the messages (%m) a log4cpp category logs at DEBUG and above,
+// until destroyed.
+class LogCapture {
+ public:
+  explicit LogCapture(const std::string& category);
+  ~LogCapture();
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+  std::vector<std::string> lines() const;  // oldest first
+
+ private:
+  log4cpp::Category& category_;
+  log4cpp::StringQueueAppender* appender_;
+};
 
 struct RunOptions {
   // source onto target, in order; a missing target is made (under /etc/
