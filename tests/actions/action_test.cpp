@@ -1,5 +1,4 @@
-// The actions in-process against the real sshd: what the end-to-end
-// MigrationTest does not show cheaply, with agents that are shell scripts.
+// The actions in-process against the real sshd, agents being shell scripts.
 #include "actions/action.h"
 
 #include <gmock/gmock.h>
@@ -21,7 +20,6 @@
 #include "actions/remove_dumping_status_action.h"
 #include "actions/retrieve_content_action.h"
 #include "actions/retrieve_dump_action.h"
-#include "actions/send_agent_action.h"
 #include "commons/checksum.h"
 #include "commons/disk_space.h"
 #include "commons/dyr_conf.h"
@@ -42,7 +40,6 @@ using ferrow_test::readFile;
 using ferrow_test::writeFile;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::StartsWith;
 
 class TestAction : public Action {
  public:
@@ -72,17 +69,6 @@ struct FakeLog : Log {
   int getDepth() const override { return 0; }
   std::vector<std::string> entries;
 };
-
-// The code and text of what f throws, or "no error".
-template <class F>
-std::string errorOf(F f) {
-  try {
-    f();
-  } catch (const ExTraceable& e) {
-    return e.code() + ": " + e.what();
-  }
-  return "no error";
-}
 
 // A private installation (dyr.conf, agent catalogue, session), an existing
 // remote agent directory, and a root login.
@@ -152,17 +138,14 @@ class ActionTest : public ::testing::Test {
 
 TEST_F(ActionTest, RootCommandsAsRootOrThroughSudoWithThePasswordLineFirst) {
   auto log = std::make_unique<ferrow_test::LogCapture>("p.Ssh");
-  auto executed = [&] {
-    std::vector<std::string> lines;
+  auto executed = [&] {  // commands run on the source
+    size_t count = 0;
     for (const std::string& line : log->lines())
-      if (line.rfind("Executing ", 0) == 0) lines.push_back(line.substr(10));
-    return lines;
+      count += line.rfind("Executing ", 0) == 0;
+    return count;
   };
   EXPECT_EQ(action_.run(true, "id -u") + action_.run(false, "id -u"), "0\n0\n");
-  EXPECT_EQ(executed().size(), 2u);      // no sudo for a root login
-  cfg_.agentDir = "/nonexistent/agent";  // the command runs in the home
-  EXPECT_EQ(action_.run(false, "pwd"),
-            ferrow_test::homeOf(ferrow_test::rootAccount()) + "\n");
+  EXPECT_EQ(executed(), 2u);  // no sudo for a root login
   // root's own sudo asks for no password: the input, one byte here (a
   // chunk of one), reaches the command once.
   configure(ferrow_test::rootAccount(), true);
@@ -178,22 +161,11 @@ TEST_F(ActionTest, RootCommandsAsRootOrThroughSudoWithThePasswordLineFirst) {
   EXPECT_EQ(sudo.run(true, "head -c 2", "z"), "z");  // after the password
   EXPECT_EQ(sudo.run(true, "id -u") + sudo.run(false, "id -u"),
             "0\n" + std::to_string(user->pw_uid) + "\n");
-  std::vector<std::string> lines = executed();
-  ASSERT_EQ(lines.size(), 6u);  // sudo checked once
-  EXPECT_EQ(lines[0] + "|" + lines[1] + "|" + lines[2],
-            "sudo -V on the remote host|sudo -k; sudo -S -p ' ' true on the "
-            "remote host|sh -c cd\\ " +
-                cfg_.agentDir +
-                "\\;\\ sudo\\ -k\\;\\ sudo\\ -S\\ -p\\ \\'\\ \\'\\ cat on "
-                "the remote host");
+  EXPECT_EQ(executed(), 6u);  // sudo checked once
   const std::string file = path("written by root");
   sudo.run(true, "touch '" + file + "'");
   sudo.takeFile(file);
   EXPECT_EQ(statOf(file), "644 " + std::to_string(user->pw_uid) + " 0");
-  // sudo's prompt, one blank, comes first on standard error.
-  EXPECT_THAT(errorOf([&] { sudo.takeFile("/nonexistent/file"); }),
-              StartsWith("CantTakeFileOwnership: Cannot take ownership of "
-                         "/nonexistent/file:  chown: "));
 }
 
 TEST_F(ActionTest, StatusPullsKeepTheLastGoodAndADumpPullsOnceAfter5s) {
@@ -234,33 +206,16 @@ TEST_F(ActionTest, StatusPullsKeepTheLastGoodAndADumpPullsOnceAfter5s) {
   EXPECT_EQ(readFile(this->remote("argv.txt")),
             "--odd word; $(x) 'q'\n--no-content\na.example\n");
   EXPECT_EQ(readFile(session_->getDumpFileName()), "<dump/>");
-  EXPECT_EQ(readFile(this->local("dump-name")), session_->getDumpFileName());
   EXPECT_EQ(readFile(session_->getDumpingStatusFileName()), "<s n=\"1\"/>");
   EXPECT_EQ(pAction, nullptr);
   EXPECT_EQ(alarm(0), 0u);  // no tick left to hit a later command
-}
-
-TEST_F(ActionTest, DeployNamesTheRemoteDirectoryItCannotCreate) {
-  fs::create_directories(path("product/QVT/agents/shared"));
-  writeFile(path("plain-file"), "");
-  cfg_.agentDir = path("plain-file/agent");
-  cfg_.agentName = "absent";
-  SendAgentAction deploy;
-  deploy.setConfig(&cfg_);
-  EXPECT_THAT(
-      errorOf([&] { deploy.execute(); }),
-      ::testing::AllOf(StartsWith("CantCreateAgentDirectory: Can't "
-                                  "create agent directory " +
-                                  cfg_.agentDir + " on the remote host: "),
-                       HasSubstr("mkdir: cannot create directory")));
 }
 
 // --- content retrieval -------------------------------------------------------
 
 class RetrieveContentActionTest : public ActionTest {
  protected:
-  // Appends "UID|ARGS" to "calls"; prints "failure" to standard error and
-  // fails when it exists, else prints contentlist.xml.
+  // Logs "UID|ARGS" to "calls"; fails printing "failure" if it exists.
   void SetUp() override {
     ActionTest::SetUp();
     installAgent("fake",
@@ -307,8 +262,7 @@ class RetrieveContentActionTest : public ActionTest {
   std::string list_;
 };
 
-// Through sudo, into --dumps-dir, with copies of an earlier run looked for
-// in the session directory by base name and sum only.
+// Through sudo into --dumps-dir; earlier copies sought in the session only.
 TEST_F(RetrieveContentActionTest, SudoFetchSkipsSoundCopiesOfTheSession) {
   ferrow_test::loginAs(&cfg_, ferrow_test::sudoAccount(), true);
   const std::string dumps = path("dumps");
@@ -360,17 +314,12 @@ TEST_F(RetrieveContentActionTest, SudoFetchSkipsSoundCopiesOfTheSession) {
   EXPECT_EQ(log_.entries.size(), 1u);
 }
 
-// An archive whose copy is not sound is kept on the source host, and so
-// are the ones after it; those before it are complete and removed.
+// An unsound copy keeps its source archive and those after it.
 TEST_F(RetrieveContentActionTest, UnsoundCopyKeepsTheSourceArchive) {
-  const std::string bad = "sub/bad.tgz", wrongSum(32, 'a');
-  const std::string realSum =
-      countMd5Sum(ferrow_test::archiveBytes(700, unsigned(bad.size())));
+  const std::string bad = "sub/bad.tgz";
   // clang-format off
   const struct { size_t size; int64_t listed; const char* sum; bool blocked; std::string why; } cases[] = {
-      {1000, 1001, nullptr, false, "received 1000 bytes, but 1001 are listed"},
       {1000, 999, nullptr, false, "received more than 999 bytes"},
-      {700, 700, wrongSum.c_str(), false, "received data has MD5 sum " + realSum + ", but " + wrongSum + " is listed"},
       {100, 100, nullptr, true, "cannot create " + local(bad) + ": Not a directory"},
   };
   // clang-format on
@@ -392,18 +341,9 @@ TEST_F(RetrieveContentActionTest, UnsoundCopyKeepsTheSourceArchive) {
         fileExists(local("after.tgz")) || fileExists(local("dump-name")));
     EXPECT_TRUE(fileExists(remote(bad)) && fileExists(remote("after.tgz")));
   }
-  // Only the wrong sum is recorded; the listed sum stands in the "has"
-  // place, as the record's readers expect.
-  EXPECT_THAT(
-      log_.entries,
-      ElementsAre("WrongMd5Sum: Problem during content retrieval: "
-                  "downloaded " +
-                  bad + " has MD5 sum " + wrongSum + ", but it has to be " +
-                  realSum + ". Restarting download."));
 }
 
-// Hostile and malformed lists are refused before any fetch: see the
-// end-to-end tests. Here the bound of what the agent prints on failure.
+// The bound of what the agent prints on failure.
 TEST_F(RetrieveContentActionTest, FloodedErrorsAreBounded) {
   writeFile(remote("failure"),
             "first line\n" + std::string(4 << 20, 'e') + "\nlast line\n");
@@ -416,8 +356,7 @@ TEST_F(RetrieveContentActionTest, FloodedErrorsAreBounded) {
 }
 
 TEST_F(RetrieveContentActionTest, RemovalFailureIsOnlyLogged) {
-  // Remotely proc/version is the kernel's file, which cat reads and rm
-  // cannot remove; locally it is an ordinary new file.
+  // proc/version: cat reads it, rm cannot remove it.
   ASSERT_EQ(symlink("/proc", remote("proc").c_str()), 0);
   const std::string version = readFile("/proc/version");
   list_ = "<file size=\"" + std::to_string(version.size()) +
@@ -449,8 +388,8 @@ TEST_F(RetrieveContentActionTest, FreeSpaceEqualToTheTotalPasses) {
 
 // --- the progress figures ----------------------------------------------------
 
-// At each save, the figures as they then stood; and what a watcher saw.
-struct SaveLog : XmlMigrationStatus, TransferProgressListener {
+// At each save, the figures as they then stood.
+struct SaveLog : XmlMigrationStatus {
   void setTransferSpeed(const std::string& s) override { speed = s; }
   void setTransferSizeLeft(const std::string& s) override { sizeLeft = s; }
   void setTransferCurrentFileSizeLeft(const std::string& s) override {
@@ -459,11 +398,8 @@ struct SaveLog : XmlMigrationStatus, TransferProgressListener {
   void saveFile() override {
     saved.push_back(speed + " " + sizeLeft + " " + current);
   }
-  void transferProgress(const TransferFigures& f) override {
-    seen.push_back(std::to_string(f.filesLeft) + " " + std::to_string(f.speed));
-  }
   std::string speed, sizeLeft, current;
-  std::vector<std::string> saved, seen;
+  std::vector<std::string> saved;
 };
 
 std::time_t nowSeconds = 1000;
@@ -473,7 +409,6 @@ int64_t msClock() { return nowMs; }
 
 TEST(FileRetrievalProgressUpdaterTest, FiguresFollowEveryChunkSavesAreSpaced) {
   SaveLog status;
-  theTransferProgressListener = &status;
   FileRetrievalProgressUpdater updater(status, 10000, 2, &secondsClock,
                                        &msClock);
   updater.startFile(4000);
@@ -505,12 +440,6 @@ TEST(FileRetrievalProgressUpdaterTest, FiguresFollowEveryChunkSavesAreSpaced) {
   EXPECT_THAT(status.saved, ElementsAre("0 9000 3000", "0 8500 2500",
                                         "1333 6000 0", "1275 4900 -100",
                                         "1287 4850 -150", "1300 4800 -150"));
-  EXPECT_EQ(status.seen.size(), 10u);  // at the start, each chunk, file done
-  EXPECT_EQ(
-      status.seen.front() + "|" + status.seen[5] + "|" + status.seen.back(),
-      "2 0|1 1333|1 1300");
-  theTransferProgressListener = nullptr;
-  updater(1);  // nobody watching
 }
 
 }  // namespace
