@@ -23,10 +23,6 @@ namespace {
 using ::testing::HasSubstr;
 using Clock = std::chrono::steady_clock;
 
-double secondsSince(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
 // A socket bound to a free port of 127.0.0.1; it listens when listening.
 int boundSocket(unsigned short* port, bool listening = true) {
   int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);

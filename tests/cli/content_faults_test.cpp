@@ -41,10 +41,6 @@ uint64_t sizeOf(const std::string& path) {
   return stat(path.c_str(), &info) == 0 ? info.st_size : 0;
 }
 
-double secondsSince(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
 // Polls every ms until ready() holds; false after `ms` ms.
 bool waitFor(const std::function<bool()>& ready, int ms = 30000) {
   for (int round = 0; round < ms; ++round, usleep(1000))
@@ -93,19 +89,19 @@ class ContentFaultsTest : public ::testing::Test {
                   "</contentlist>\n");
   }
 
-  RunResult run(std::vector<std::string> args, const RunOptions& options = {},
-                const std::map<std::string, std::string>& env = {}) {
+  RunResult run(std::vector<std::string> args,
+                std::map<std::string, std::string> env = {}) {
     args.insert(args.end(), {"--session-path", session()});
-    std::vector<std::string> agentArgs = agent_.args();
-    args.insert(args.end(), agentArgs.begin(), agentArgs.end());
-    std::map<std::string, std::string> all = login_.env;
-    all.insert(env.begin(), env.end());
-    return install_.run(options, withLogin(login_, args), all);
+    for (const std::string& arg : agent_.args()) args.push_back(arg);
+    env.insert(login_.env.begin(), login_.env.end());
+    return install_.run(RunOptions(), withLogin(login_, args), env);
   }
   RunResult getContent(std::vector<std::string> more = {},
                        const RunOptions& options = {}) {
     more.insert(more.begin(), "--get-content");
-    return run(more, options);
+    more.insert(more.end(), {"--session-path", session()});
+    for (const std::string& arg : agent_.args()) more.push_back(arg);
+    return install_.run(options, withLogin(login_, more), login_.env);
   }
 
   std::string session() const { return install_.sessionPath(); }
@@ -117,8 +113,6 @@ class ContentFaultsTest : public ::testing::Test {
   }
   std::string record() const { return readFile(local("transfer.result")); }
   std::string debugLog() const { return readFile(local("migration.log")); }
-
-  // The message a failed fetch carries in the run record.
   std::string fetchFailure(const std::string& name, const std::string& why) {
     return "Failed to retrieve file '" + remote(name) +
            "' from '127.0.0.1' to '" + local(name) + "': " + why;
@@ -129,11 +123,10 @@ class ContentFaultsTest : public ::testing::Test {
                          int exitCode = 2) {
     EXPECT_EQ(r.exitCode, exitCode) << r.err;
     EXPECT_EQ(r.err, "Error during dump retrieval");
-    std::string text = compactXml(record());
     for (const std::string& part : std::vector<std::string>{
              "status=\"error\"", "code=\"CantRetrieveDump\"",
              "code=\"" + innerCode + "\"", "</execution-result>"})
-      EXPECT_THAT(text, HasSubstr(part));
+      EXPECT_THAT(record(), HasSubstr(part));
   }
   void expectFetched(const RunResult& r) {
     EXPECT_EQ(0, r.exitCode) << r.err << readFile(local("transfer.result"));
@@ -151,30 +144,24 @@ class ContentFaultsTest : public ::testing::Test {
   std::vector<Listed> listed_;
 };
 
-// A source archive is removed only once its local copy is sound. An
-// archive listed without a size is fetched whole beside one whose listed
-// size is wrong.
-TEST_F(ContentFaultsTest, WrongListedSizeKeepsTheSourceArchive) {
+// A source archive is removed only once its local copy is sound: a wrong
+// listed size, then a wrong sum, keep it; an archive listed without a size
+// is fetched whole; the rerun lists the right sum in capitals.
+TEST_F(ContentFaultsTest, WrongListedSizeOrSumKeepsTheSourceArchive) {
   std::string first = addArchive("first.tgz", 100000);
   listed_.back().sized = false;
-  addArchive("second.tgz", 100000);
-  listed_.back().size += 1;
-  writeList();
-  expectFailedFetch(getContent(), "CantRetrieveContentFile");
-  EXPECT_THAT(record(), HasSubstr(fetchFailure(
-                            "second.tgz",
-                            "received 100000 bytes, but 100001 are listed")));
-  EXPECT_TRUE(readFile(local("first.tgz")) == first);
-  EXPECT_FALSE(fileExists(remote("first.tgz")));
-  EXPECT_TRUE(fileExists(remote("second.tgz")));
-  EXPECT_FALSE(fileExists(local("second.tgz")));
-}
-
-// The rerun lists the right sum in capitals: the same sum.
-TEST_F(ContentFaultsTest, WrongListedSumIsRecordedAndFetchedAgainLater) {
   addArchive("a.tgz", 300000);
   const std::string actual = listed_.back().md5sum;
   const std::string wrong = "0123456789abcdef0123456789abcdef";
+  listed_.back().size += 1;
+  writeList();
+  expectFailedFetch(getContent(), "CantRetrieveContentFile");
+  EXPECT_THAT(record(),
+              HasSubstr(fetchFailure(
+                  "a.tgz", "received 300000 bytes, but 300001 are listed")));
+  EXPECT_TRUE(readFile(local("first.tgz")) == first);
+  EXPECT_FALSE(fileExists(remote("first.tgz")));
+  listed_.back().size -= 1;
   listed_.back().md5sum = wrong;
   writeList();
   expectFailedFetch(getContent(), "CantRetrieveContentFile");
@@ -189,7 +176,6 @@ TEST_F(ContentFaultsTest, WrongListedSumIsRecordedAndFetchedAgainLater) {
                                          ", but " + wrong + " is listed")));
   EXPECT_TRUE(fileExists(remote("a.tgz")));
   EXPECT_FALSE(fileExists(local("a.tgz")));
-
   listed_.back().md5sum = boost::to_upper_copy(actual);
   writeList();
   expectFetched(getContent());
@@ -288,7 +274,6 @@ TEST_F(ContentFaultsTest, HostileListsAreRefusedBeforeAnyFetch) {
   } lists[] = {
       // clang-format off
       {"<file size=\"9\">../outside.tgz</file>", "tError_WrongContent", "The content list names the file '../outside.tgz': a name must be relative and must not contain '..'."},
-      {"<file size=\"9\">/etc/hostname</file>", "tError_WrongContent", "names the file '/etc/hostname'"},
       {"<file size=\"ten\">b.tgz</file>", "tError_WrongContent", "Attribute 'size' of element 'file' is not a valid number: 'ten'."},
       {nullptr, "tError_ParseFile", "was not parsed successfully"},
       // clang-format on
@@ -310,7 +295,6 @@ TEST_F(ContentFaultsTest, HostileListsAreRefusedBeforeAnyFetch) {
     EXPECT_EQ(readFile(remote("fine.tgz")), fine);
     EXPECT_FALSE(fileExists(local("fine.tgz")));
     EXPECT_FALSE(fileExists(install_.root() + "/outside.tgz"));
-    EXPECT_FALSE(fileExists(local("etc/hostname")));
   }
 }
 
@@ -327,7 +311,7 @@ TEST_F(ContentFaultsTest,
       {"/usr/bin/time", "-f", "%M", "-o", install_.root() + "/peak"});
   // A sanitizer build would otherwise hold freed memory back.
   RunResult r =
-      run({"--dump-all"}, {}, {{"ASAN_OPTIONS", "quarantine_size_mb=16"}});
+      run({"--dump-all"}, {{"ASAN_OPTIONS", "quarantine_size_mb=16"}});
   EXPECT_EQ("2 Error during dump retrieval",
             std::to_string(r.exitCode) + " " + r.err);
   std::string record = readFile(local("migration.result"));

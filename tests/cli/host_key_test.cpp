@@ -70,8 +70,6 @@ TEST_F(HostKeyTest, FirstContactRecordsTheServersKeyOnce) {
   ASSERT_EQ(0, stat(file().c_str(), &st));
   EXPECT_EQ(0600u, st.st_mode & 07777);
   EXPECT_EQ(0u, st.st_uid);
-  EXPECT_EQ(
-      0, runCommand({"ssh-keygen", "-F", serverName(), "-f", file()}).exitCode);
   const std::string recorded = readFile(file()), key = serverKey();
   EXPECT_EQ(serverName() + " " + key + "\n", recorded);
   ASSERT_EQ(0, run().exitCode);

@@ -3,6 +3,7 @@
 #ifndef FERROW_TESTS_SUPPORT_FERROW_RUNNER_H_
 #define FERROW_TESTS_SUPPORT_FERROW_RUNNER_H_
 
+#include <chrono>
 #include <cstddef>
 #include <map>
 #include <string>
@@ -16,13 +17,18 @@ class StringQueueAppender;
 
 namespace ferrow_test {
 
+inline double secondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start)
+      .count();
+}
+
 struct RunResult {
   int exitCode = -1;
   std::string out;
   std::string err;
 };
 
-// A scratch directory removed with everything under it on destruction.
+// Removed with everything under it on destruction.
 class TempDir {
  public:
   TempDir();
@@ -38,7 +44,7 @@ class TempDir {
 void writeFile(const std::string& name, const std::string& content);
 std::string readFile(const std::string& name);  // throws when unreadable
 bool fileExists(const std::string& name);
-// The XML text without the white space that indentation puts between tags.
+// Without the white space that indentation puts between tags.
 std::string compactXml(const std::string& text);
 
 // argv[0] looked up in PATH; the test's environment plus env.
@@ -52,15 +58,14 @@ void ensurePanelAccount();
 // seed): a transfer that mangles any byte shows.
 std::string archiveBytes(std::size_t size, unsigned seed);
 
-// Collects the messages (%m) a log4cpp category logs at DEBUG and above,
-// until destroyed.
+// The messages (%m) a log4cpp category logs at DEBUG and up, until destroyed.
 class LogCapture {
  public:
   explicit LogCapture(const std::string& category);
   ~LogCapture();
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
-  std::vector<std::string> lines() const;  // oldest first
+  std::vector<std::string> lines() const;
 
  private:
   log4cpp::Category& category_;
@@ -110,7 +115,6 @@ class FerrowInstallation {
                 const std::map<std::string, std::string>& env = {},
                 const std::string& input = "") const;
 
-  // A command (e.g. valgrind) put in front of the binary in later runs.
   void setWrapper(const std::vector<std::string>& wrapper) {
     wrapper_ = wrapper;
   }

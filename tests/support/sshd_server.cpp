@@ -90,6 +90,14 @@ pid_t spawnSshd(const std::string& dir) {
   return pid;
 }
 
+std::vector<pid_t> childrenOf(pid_t pid) {
+  std::istringstream in(
+      procFile(pid, "task/" + std::to_string(pid) + "/children"));
+  std::vector<pid_t> children;
+  for (pid_t child; in >> child;) children.push_back(child);
+  return children;
+}
+
 }  // namespace
 
 const TestAccount& rootAccount() { return kAccounts[0]; }
@@ -111,14 +119,6 @@ std::string procFile(pid_t pid, const std::string& name) {
   std::ostringstream bytes;
   bytes << in.rdbuf();
   return bytes.str();
-}
-
-std::vector<pid_t> childrenOf(pid_t pid) {
-  std::istringstream in(
-      procFile(pid, "task/" + std::to_string(pid) + "/children"));
-  std::vector<pid_t> children;
-  for (pid_t child; in >> child;) children.push_back(child);
-  return children;
 }
 
 pid_t findFerrow(const std::string& marker) {

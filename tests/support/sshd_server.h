@@ -27,11 +27,10 @@ const TestAccount& kbdAccount();     // offered keyboard-interactive only
 const TestAccount& pubkeyAccount();  // offered publickey only, has no key
 std::string homeOf(const TestAccount& account);
 
-// /proc: every pid; /proc/<pid>/<name> ("" when gone); the children; the
-// running built ferrow whose arguments hold marker (0 when none does).
+// /proc: every pid; /proc/<pid>/<name> ("" when gone); the running built
+// ferrow whose arguments hold marker (0 when none does).
 std::vector<pid_t> allPids();
 std::string procFile(pid_t pid, const std::string& name);
-std::vector<pid_t> childrenOf(pid_t pid);
 pid_t findFerrow(const std::string& marker);
 
 // One sshd on 127.0.0.1, with its own directory holding the configuration,
@@ -40,17 +39,15 @@ pid_t findFerrow(const std::string& marker);
 // server's own mount namespace).
 class SshdServer {
  public:
-  // Waits until it listens; throws std::runtime_error when it cannot.
-  SshdServer();
-  ~SshdServer();  // stops the server and its connections
+  SshdServer();  // waits until it listens; throws when it cannot
+  ~SshdServer();
   SshdServer(const SshdServer&) = delete;
   SshdServer& operator=(const SshdServer&) = delete;
 
-  // A server started on first call and stopped when the process exits.
-  static SshdServer& shared();
+  static SshdServer& shared();  // started on first call
 
   unsigned short port() const { return port_; }
-  std::string logText() const;  // the server's log so far
+  std::string logText() const;
   // Kills (SIGKILL) every connection's sshd processes, parents first,
   // leaving the commands they run: killing a command first would let sshd
   // report its end before the connection goes.
