@@ -16,7 +16,6 @@ TEST(ProgressLineTest, WordingOfTheLine) {
       // The time left is rounded up: 1001 bytes at 1000 B/s take 2 s.
       {{1, 1, 2001, 1001, 1000}, "1 of 1 files left, 1000 B of 2.0 KiB (49%), 1000 B/s, 0:02 left"},
       {{2, 2, 4096, 1024, 0}, "2 of 2 files left, 3.0 KiB of 4.0 KiB (75%), 0 B/s, --:-- left"},
-      {{0, 0, 0, 0, 0}, "0 of 0 files left, 0 B of 0 B, 0 B/s, 0:00 left"},
       {{3, 0, 3072, 1024, 0}, "0 of 3 files left, 2.0 KiB of 3.0 KiB (66%), 0 B/s, 0:00 left"},
       {{1, 1, 1024, -1024, 512}, "1 of 1 files left, 2.0 KiB of 1.0 KiB (100%), 512 B/s, 0:00 left"},
   };

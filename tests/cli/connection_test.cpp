@@ -55,8 +55,7 @@ class ConnectionTest : public ::testing::Test {
     SshdServer::shared();
   }
 
-  // One --remove-agent; through sudo when sudo is given; port 0: the
-  // shared server's.
+  // --remove-agent, through sudo when given; port 0: the shared server.
   RunResult run(const TestAccount& login,
                 const std::string& dir = "/nonexistent-ferrow-agent",
                 const char* sudo = nullptr,
@@ -64,14 +63,12 @@ class ConnectionTest : public ::testing::Test {
                 const RunOptions& options = {},
                 const FerrowInstallation* install = nullptr) {
     if (!install) install = &install_;
-    std::vector<std::string> args = {
-        "--remove-agent",
-        "--host=" + host,
+    // clang-format off
+    std::vector<std::string> args = {"--remove-agent", "--host=" + host,
         "--port=" + std::to_string(port ? port : SshdServer::shared().port()),
-        "--login=" + login.name,
-        "--agent-dir=" + dir,
-        "--agent-name=x",
+        "--login=" + login.name, "--agent-dir=" + dir, "--agent-name=x",
         "--session-path=" + install->sessionPath()};
+    // clang-format on
     std::map<std::string, std::string> env = {{"DYR_PASSWORD", login.password}};
     if (sudo) {
       args.push_back("--sudo-password");
@@ -92,8 +89,6 @@ class ConnectionTest : public ::testing::Test {
                 HasSubstr("<execution-result status=\"success\"/>"));
   }
 
-  // The message goes to standard error as it is, without a line break, and
-  // the run record names the failure by its code.
   void expectFailure(const RunResult& r, int exitCode,
                      const std::string& message, const std::string& code) {
     EXPECT_EQ(exitCode, r.exitCode) << message;
@@ -202,14 +197,12 @@ TEST_F(ConnectionTest, EachWayOfBeingUnreachableHasItsExitCode) {
     RunOptions options;
     options.isolateNetwork = c.setup != nullptr;
     options.networkSetup = c.setup ? c.setup : "";
-    // Names resolve from the fixture hosts file alone.
     options.binds = {
         {install_.root() + "/hosts", "/etc/hosts"},
         {install_.root() + "/nsswitch.conf", "/etc/nsswitch.conf"}};
     Clock::time_point start = Clock::now();
     RunResult r = run(rootAccount(), "/nonexistent-ferrow-agent", nullptr,
                       c.host, c.setup ? 22 : closed, options);
-    // Only the system's own connect time-out applies.
     EXPECT_LT(secondsSince(start), 10.0);
     expectFailure(r, c.exitCode, c.message, c.code);
   }

@@ -90,18 +90,17 @@ class ContentFaultsTest : public ::testing::Test {
   }
 
   RunResult run(std::vector<std::string> args,
-                std::map<std::string, std::string> env = {}) {
+                std::map<std::string, std::string> env = {},
+                const RunOptions& options = {}) {
     args.insert(args.end(), {"--session-path", session()});
     for (const std::string& arg : agent_.args()) args.push_back(arg);
     env.insert(login_.env.begin(), login_.env.end());
-    return install_.run(RunOptions(), withLogin(login_, args), env);
+    return install_.run(options, withLogin(login_, args), env);
   }
   RunResult getContent(std::vector<std::string> more = {},
                        const RunOptions& options = {}) {
     more.insert(more.begin(), "--get-content");
-    more.insert(more.end(), {"--session-path", session()});
-    for (const std::string& arg : agent_.args()) more.push_back(arg);
-    return install_.run(options, withLogin(login_, more), login_.env);
+    return run(more, {}, options);
   }
 
   std::string session() const { return install_.sessionPath(); }
