@@ -188,6 +188,7 @@ TEST_F(ContentFaultsTest, FullDestinationFailsPromptlyAndKeepsTheSource) {
   writeList();
   RunOptions tmpfs;
   tmpfs.mountSetup = "mount -t tmpfs -o size=1m tmpfs " + dumps;
+  expectFailedFetch(getContent({"--dumps-dir", dumps}, tmpfs), "NotEnoughSpace");
   Clock::time_point start = Clock::now();
   RunResult r = getContent({"--dumps-dir", dumps, "--no-check-space"}, tmpfs);
   EXPECT_LT(secondsSince(start), 30);
@@ -295,6 +296,9 @@ TEST_F(ContentFaultsTest, HostileListsAreRefusedBeforeAnyFetch) {
     EXPECT_FALSE(fileExists(local("fine.tgz")));
     EXPECT_FALSE(fileExists(install_.root() + "/outside.tgz"));
   }
+  writeFile(remote("agent.sh"), "head -c 67108865 /dev/zero\n");
+  expectFailedFetch(getContent(), "CantRetrieveContentList");
+  EXPECT_THAT(record(), HasSubstr("longer than 67108864 bytes"));
 }
 
 // 64 MiB on standard error and on an output nobody reads, at once, then a

@@ -237,6 +237,7 @@ TEST(FilesTest, DirectoriesTemporaryFilesAndFreeSpace) {
   ASSERT_EQ(0u, getFreeSpace("/proc"));  // /proc has a steady 0 free
   DiskSpaceReserver::checkDiskSpace("/proc", 0);
   messageOf<&CantCreateTempFile>([] { QVT_getTempFileName("/no", "x"); });
+  messageOf<&CantCreateTempDir>([] { QVT_makeTempFileDirectory("/no", "x"); });
   messageOf<&CantStatFS>([] { getFreeSpace("/no"); });
   messageOf<&DiskSpaceReserver::NotEnoughDiskSpace>(
       [] { DiskSpaceReserver::checkDiskSpace("/proc", 1); });

@@ -1,4 +1,4 @@
-// The run record (XmlLog) and the debug log lines bracketing a run.
+// The run record (XmlLog): what it keeps, where earlier records go.
 #include "log/run_log.h"
 
 #include <gmock/gmock.h>
@@ -13,7 +13,6 @@
 #include "commons/session_files.h"
 #include "errors/tags.h"
 #include "log/debug_log.h"
-#include "log/start_stop_logger.h"
 #include "support/ferrow_runner.h"
 
 namespace tovel {
@@ -87,24 +86,6 @@ TEST_F(RunLogTest, EarlierRecordsGetTheFirstFreeNumber) {
   EXPECT_THAT(lines_.lines(),
               ElementsAre(MatchesRegex(
                   "Unable to save the run record.*transfer.result.*")));
-}
-
-TEST_F(RunLogTest, StartFinishAndDaemonLines) {
-  char prog[] = "/usr/bin/ferrow", arg1[] = "--session-path",
-       arg2[] = "/tmp/a b";
-  char* argv[] = {prog, arg1, arg2, nullptr};
-  {
-    StartStopLogger logger("Ferrow", 3, argv);
-    logger.setExitCode(17);
-    ASSERT_EQ(1u, childDaemonHandlers.size());
-    childDaemonHandlers.front()();
-  }
-  EXPECT_TRUE(childDaemonHandlers.empty());
-  EXPECT_THAT(lines_.lines(),
-              ElementsAre("Ferrow started : /usr/bin/ferrow --session-path "
-                          "/tmp/a\\ b",
-                          MatchesRegex("Ferrow [0-9]+ -> \\([0-9]+ daemon\\)"),
-                          "Ferrow finished. Exit code: 17"));
 }
 
 }  // namespace

@@ -31,11 +31,11 @@ using tovel::Exc;
 using tovel::Ssh;
 using Clock = std::chrono::steady_clock;
 
-std::unique_ptr<Ssh> login(const TestAccount& account) {
+std::unique_ptr<Ssh> login(const TestAccount& account, bool plain = false) {
   tovel::HostKeyPolicy unchecked;  // the end-to-end tests check keys
   unchecked.checking = tovel::HostKeyChecking::kNo;
   return std::make_unique<Ssh>("127.0.0.1", account.name, account.password,
-                               false, SshdServer::shared().port(), unchecked);
+                               plain, SshdServer::shared().port(), unchecked);
 }
 
 // Runs command; "STATUS|OUT|ERR".
@@ -77,6 +77,9 @@ TEST_F(SshTest, StatusStreamsInputAndSignals) {
                   counter) == "0|" + std::string(300000, '\0') + "|noise\n");
   EXPECT_EQ(counter.total, 300000u);  // standard output only
   EXPECT_GE(counter.chunks, 5u);      // chunks of at most 64 KiB
+  // This libssh2 has no "none" cipher: the session is refused, not opened
+  // encrypted behind the user's back.
+  EXPECT_THROW(login(plainAccount(), true), Exc<&tovel::UnableToStartSshSession>);
 }
 
 TEST_F(SshTest, LargeInputAndOutputFlowTogether) {
@@ -132,16 +135,6 @@ TEST_F(SshTest, ReceiveMovesEveryByteAndStopsAtOnceAtAWriteFailure) {
   EXPECT_LE(receipt.bytes, 100000u);
   EXPECT_LT(Clock::now() - start, std::chrono::seconds(10));
   EXPECT_EQ(run(*ssh, "echo still"), "0|still\n|");
-}
-
-TEST_F(SshTest, ConnectionDroppedMidCommandIsReportedPromptly) {
-  std::unique_ptr<Ssh> ssh = login(plainAccount());
-  Counting killer;  // drops the connection from the server's side
-  killer.onFirst = [] { SshdServer::shared().killConnections(); };
-  auto start = Clock::now();
-  EXPECT_THROW(run(*ssh, "echo started; exec sleep 20", "", killer),
-               Exc<&tovel::SshConnectionFault>);
-  EXPECT_LT(Clock::now() - start, std::chrono::seconds(15));
 }
 
 // A terminated run does not wait for the remote command: it drops the

@@ -209,6 +209,30 @@ TEST(XmlDocumentTest, BuildingAndSaving) {
               HasSubstr("<name>sample</name><description>A &lt;b&gt;<"));
 }
 
+// A broken calling contract is reported naming the condition, not followed
+// into libxml2 with a null pointer.
+TEST(XmlDocumentTest, ContractViolationsAreReportedNotFollowed) {
+  tXmlQvtDocument doc, none;
+  doc.initNewDoc("r");
+  const char* null = nullptr;
+  // clang-format off
+  const std::pair<const char*, std::function<void()>> rows[] = {
+      {"filename != NULL", [&] { tXmlDocument d(null); }}, {"*filename != 0", [] { tXmlDocument d(""); }},
+      {"content.size()", [] { tXmlDocument d{std::string()}; }}, {"filename != NULL", [&] { doc.saveToFile(null); }},
+      {"*filename != 0", [&] { doc.saveToFile(std::string()); }}, {"buffer != 0", [&] { doc.saveToBuffer(nullptr); }},
+      {"root_ != NULL", [&] { none.getRootNodeChild("x"); }}, {"node != NULL", [&] { doc.getNodeText(nullptr); }},
+      {"node != NULL", [&] { doc.getAttribute(nullptr, "a"); }}, {"node != NULL", [] { XmlNode n(nullptr); }},
+      {"node != NULL", [&] { doc.addAttribute(nullptr, "a", "v"); }}, {"xpathCtx_.get() != NULL", [&] { tXPathExpr(none, "/"); }},
+      {"theSession != NULL", [] { createMigrationStatusFile()->saveFile(); }}};
+  // clang-format on
+  for (const auto& row : rows)
+    EXPECT_THAT(messageOf<&AssertionFailed>(row.second), HasSubstr(row.first));
+  EXPECT_THAT(messageOf<&tError_XmlInternal>([&] { doc.newChild(nullptr, "c"); }),
+              HasSubstr("#0002"));
+  EXPECT_THAT(messageOf<&tError_SaveFile>([&] { doc.saveToFileAtomically("/no/s"); }),
+              HasSubstr("/no/s"));
+}
+
 TEST(XPathTest, NodeSetsStringsAndFailures) {
   tXmlQvtDocument doc(
       std::string("<l s=\"7\"><i>a</i><g><i n=\"3\"/></g></l>"));
@@ -219,6 +243,7 @@ TEST(XPathTest, NodeSetsStringsAndFailures) {
             tXPathExpr(doc, doc.getRootNodeChild("g"), "string(i/@n)").str() +
                 tXPathExpr(doc, "string(l/@s)").str());
   messageOf<&tError_XPath_TypesMismatch>([&] { tXPathExpr(doc, "//i").str(); });
+  messageOf<&tError_XPath_CantEvaluate>([&] { tXPathExpr(doc, "//[").str(); });
 }
 
 // The schema check runs the product's proxy tool, missing here.
@@ -248,6 +273,10 @@ TEST(DtdXsltTest, ValidationTransformationAndSchema) {
   EXPECT_EQ("<o t=\"x\">1</o>",
             bodyOf(apply_stylesheet(tXsltStylesheet(xsl), good, {{"t", "'x'"}})
                        .saveToString()));
+  writeFile(xsl, head + "<xsl:message terminate=\"yes\">s</xsl:message>"
+                        "</xsl:template></xsl:stylesheet>");
+  messageOf<&tError_Xslt_ApplyStylesheetTerminated>(
+      [&] { apply_stylesheet(tXsltStylesheet(xsl), good, {}); });
   writeFile(xsl, "<xsl:stylesheet");
   messageOf<&tError_XslParse_CanNotParseFile>([&] { tXsltStylesheet t(xsl); });
   EXPECT_THAT(
