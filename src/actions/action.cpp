@@ -1,30 +1,19 @@
 #include "actions/action.h"
 
-#include <signal.h>
-#include <stdio.h>
-#include <unistd.h>
-
 #include <istream>
 #include <log4cpp/Category.hh>
 #include <sstream>
 #include <streambuf>
 #include <vector>
 
-#include "commons/args_builder.h"
 #include "commons/capped_output.h"
 #include "commons/product_paths.h"
-#include "commons/session_files.h"
 #include "errors/tags.h"
 #include "log/debug_log.h"
 
 namespace tovel {
 
-Action* pAction = nullptr;
-
 namespace {
-
-const char kSudoPrefix[] = "sudo -k; sudo -S -p ' ' ";
-const int kStatusPullSeconds = 5;
 
 log4cpp::Category& logger() {
   return log4cpp::Category::getInstance("p.Action");
@@ -67,8 +56,6 @@ Action::Action(bool withStatus) {
 }
 
 Action::~Action() {
-  if (pAction == this) pAction = nullptr;
-  if (ssh_) ssh_->setAlarm(nullptr);
   if (status_) {
     try {
       status_->setIdle();
@@ -101,46 +88,43 @@ Ssh* Action::getSsh() {
 
 int Action::execUser(const std::string& command, std::istream& in,
                      std::ostream& out, std::ostream& err, bool quietOutput,
-                     bool quietInput) {
-  ArgsBuilder line;
-  line << "sh"
-       << "-c"
-       << "cd " + config_->agentDir + "; " + command;
-  return getSsh()->exec(line.str(), in, out, err, quietOutput, quietInput,
-                        Ssh::null_counter);
+                     bool quietInput, const Periodic* periodic) {
+  return getSsh()->exec(agentCommands().inAgentDir(command), in, out, err,
+                        quietOutput, quietInput, Ssh::null_counter, periodic);
 }
 
 int Action::execRoot(const std::string& command, std::istream& in,
                      std::ostream& out, std::ostream& err, bool quietOutput,
-                     bool quietInput) {
+                     bool quietInput, const Periodic* periodic) {
   if (!config_->sudo) {
-    return execUser(command, in, out, err, quietOutput, quietInput);
+    return execUser(command, in, out, err, quietOutput, quietInput, periodic);
   }
   checkSudoPresence();
-  std::string prefixed = kSudoPrefix + command;
+  std::string prefixed = AgentCommands::asRoot(command);
   if (config_->sudoPassword.empty()) {
-    return execUser(prefixed, in, out, err, quietOutput, quietInput);
+    return execUser(prefixed, in, out, err, quietOutput, quietInput, periodic);
   }
   PrefixedStreamBuf buffer(config_->sudoPassword + "\n", in);
   std::istream input(&buffer);
-  return execUser(prefixed, input, out, err, quietOutput, quietInput);
+  return execUser(prefixed, input, out, err, quietOutput, quietInput, periodic);
 }
 
 int Action::execRoot(const std::string& command, std::ostream& out,
-                     std::ostream& err, bool quietOutput) {
+                     std::ostream& err, bool quietOutput,
+                     const Periodic* periodic) {
   std::istringstream empty;
-  return execRoot(command, empty, out, err, quietOutput, false);
+  return execRoot(command, empty, out, err, quietOutput, false, periodic);
 }
 
 void Action::checkSudoPresence() {
   if (sudoChecked_) return;
   CappedOutput out, err;
   std::istringstream none;
-  int status = getSsh()->exec("sudo -V", none, out, err, false, false,
-                              Ssh::null_counter);
+  int status = getSsh()->exec(AgentCommands::sudoVersion(), none, out, err,
+                              false, false, Ssh::null_counter);
   if (status == 127) TOVEL_THROW(SudoNotFound) % config_->host;
   std::istringstream password(config_->sudoPassword);
-  status = getSsh()->exec(std::string(kSudoPrefix) + "true", password, out, err,
+  status = getSsh()->exec(AgentCommands::asRoot("true"), password, out, err,
                           false, false, Ssh::null_counter);
   if (status != 0) {
     logger().error("sudo refused to run a command: " + err.str());
@@ -152,55 +136,11 @@ void Action::checkSudoPresence() {
 void Action::takeFile(const std::string& path) {
   if (!config_->sudo) return;
   checkSudoPresence();
-  ArgsBuilder chown;
-  chown << "chown" << config_->login << path;
   CappedOutput out, err;
-  if (execRoot(chown.str(), out, err, false) != 0) {
+  if (execRoot(AgentCommands::giveTo(config_->login, path), out, err, false) !=
+      0) {
     TOVEL_THROW(CantTakeFileOwnership) % path % err.str();
   }
-}
-
-void Action::setAlarmFunction() {
-  if (ssh_) ssh_->setAlarm(this);
-}
-
-void Action::doAlarm() {
-  Action* armed = pAction;
-  pAction = nullptr;
-  try {
-    std::string remote =
-        config_->agentDir + "/" + files::getRemoteDumpingStatusFileName();
-    ssh_->setAlarm(nullptr);
-    std::string local = theSession->getDumpingStatusFileName();
-    // Until the agent has written its status there is nothing to show, and
-    // an empty file must not replace the last good one.
-    if (getSsh()->get(remote, local + ".tmp") != 0) {
-      unlink((local + ".tmp").c_str());
-    } else if (rename((local + ".tmp").c_str(), local.c_str()) != 0) {
-      return;
-    }
-    alarm(kStatusPullSeconds);
-    pAction = armed;
-  } catch (const std::exception& e) {
-    // The pull is a courtesy to the panel; the dump itself goes on.
-    logger().debug(std::string("Dumping status not pulled: ") + e.what());
-  }
-}
-
-void installStatusAlarmHandler() {
-  struct sigaction action = {};
-  action.sa_handler = update_status;
-  sigemptyset(&action.sa_mask);
-  action.sa_flags = 0;
-  sigaction(SIGALRM, &action, nullptr);
-}
-
-void update_status(int) {
-  // Once nobody is armed (the dump is over) the timer stops.
-  if (pAction == nullptr) return;
-  pAction->setAlarmFunction();
-  installStatusAlarmHandler();
-  alarm(kStatusPullSeconds);
 }
 
 }  // namespace tovel

@@ -10,8 +10,9 @@
 #include <memory>
 #include <string>
 
+#include "actions/agent_commands.h"
 #include "commons/config.h"
-#include "transport/alarm.h"
+#include "transport/periodic.h"
 #include "transport/ssh_transfer.h"
 #include "xml/migration_status.h"
 
@@ -21,49 +22,48 @@ namespace tovel {
 // callers that embed actions.
 class Result;
 
-class Action : public Alarm {
+class Action {
  public:
   // With withStatus, creates the session's "migration.status" document and
   // saves it as idle. Throws what the XML layer throws.
   explicit Action(bool withStatus);
   // Saves the status document (if any) as idle once more (a failure is
   // written to the debug log, never thrown), then closes the connection.
-  ~Action() override;
+  virtual ~Action();
   Action(const Action&) = delete;
   Action& operator=(const Action&) = delete;
-
-  // Copies the remote dumping status file into the session (through a
-  // ".tmp" file and a rename) and re-arms the timer. Any failure ends the
-  // periodic pulls for the run, silently.
-  void doAlarm() override;
 
   // cfg must outlive the action.
   virtual void setConfig(const config* cfg) { config_ = cfg; }
   virtual void setResult(Result* result) { result_ = result; }
   virtual void execute() = 0;
 
-  // Registers this action as the alarm of its connection; called from the
-  // SIGALRM handler, so it only stores a pointer.
-  void setAlarmFunction();
-
  protected:
   // The connection, opened on first use (port 0 means 22). Throws what
   // Ssh's constructor throws.
   Ssh* getSsh();
 
-  // Runs `command` as the login user: "sh -c 'cd AGENT_DIR; COMMAND'", the
-  // three words shell-quoted. A failing cd does not stop the command.
-  // Returns the remote exit status; throws what Ssh::exec throws.
+  // The paths and command lines of the configured agent directory.
+  AgentCommands agentCommands() const {
+    return AgentCommands(config_->agentDir);
+  }
+
+  // Runs `command` as the login user in the agent directory
+  // (AgentCommands::inAgentDir). A failing cd does not stop the command.
+  // `periodic` ticks while this command runs (Ssh::exec). Returns the
+  // remote exit status; throws what Ssh::exec throws.
   int execUser(const std::string& command, std::istream& in, std::ostream& out,
-               std::ostream& err, bool quietOutput, bool quietInput);
+               std::ostream& err, bool quietOutput, bool quietInput,
+               const Periodic* periodic = nullptr);
   // Runs `command` as root: as execUser for a root login; with
-  // --sudo-password as "sudo -k; sudo -S -p ' ' COMMAND" after
+  // --sudo-password as AgentCommands::asRoot(command) after
   // checkSudoPresence(), the sudo password (when not empty) and a line
   // break going ahead of `in`.
   int execRoot(const std::string& command, std::istream& in, std::ostream& out,
-               std::ostream& err, bool quietOutput, bool quietInput);
+               std::ostream& err, bool quietOutput, bool quietInput,
+               const Periodic* periodic = nullptr);
   int execRoot(const std::string& command, std::ostream& out, std::ostream& err,
-               bool quietOutput);
+               bool quietOutput, const Periodic* periodic = nullptr);
 
   // Once per action, with --sudo-password: throws SudoNotFound when the
   // login's shell cannot find sudo (status 127 of "sudo -V"), and
@@ -83,16 +83,6 @@ class Action : public Alarm {
   std::unique_ptr<Ssh> ssh_;
   bool sudoChecked_ = false;
 };
-
-// The action that the SIGALRM handler arms; null when none should be.
-extern Action* pAction;
-
-// Installs update_status as the SIGALRM handler (flags 0).
-void installStatusAlarmHandler();
-
-// The SIGALRM handler: while pAction is set, arms it, reinstalls itself and
-// asks for the next signal in 5 seconds; otherwise does nothing.
-void update_status(int signal);
 
 }  // namespace tovel
 

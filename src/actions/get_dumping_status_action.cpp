@@ -3,7 +3,6 @@
 #include <iostream>
 #include <log4cpp/Category.hh>
 
-#include "commons/product_paths.h"
 #include "errors/tags.h"
 
 namespace tovel {
@@ -13,8 +12,7 @@ void GetDumpingStatusAction::execute() {
     status_->setAgentParams(config_->host);
     status_->setAgentOperation(MigrationStatus::wait);
     status_->saveFile();
-    const std::string remote =
-        config_->agentDir + "/" + files::getRemoteDumpingStatusFileName();
+    const std::string remote = agentCommands().dumpingStatusFile();
     takeFile(remote);
     int status = getSsh()->get(std::cout, remote);
     std::cout.flush();

@@ -2,14 +2,10 @@
 
 #include <unistd.h>
 
-#include "commons/product_paths.h"
-
 namespace tovel {
 
 void RemoveDumpingStatusAction::execute() {
-  std::string name =
-      config_->agentDir + "/" + files::getRemoteDumpingStatusFileName();
-  unlink(name.c_str());
+  unlink(agentCommands().dumpingStatusFile().c_str());
 }
 
 }  // namespace tovel

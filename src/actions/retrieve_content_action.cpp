@@ -5,14 +5,12 @@
 
 #include <algorithm>
 #include <cctype>
-#include <chrono>
 #include <fstream>
 #include <log4cpp/Category.hh>
 #include <memory>
 
 #include "agents/agent_spec.h"
 #include "commons/accounts.h"
-#include "commons/args_builder.h"
 #include "commons/capped_output.h"
 #include "commons/checksum.h"
 #include "commons/disk_space.h"
@@ -133,99 +131,6 @@ void discardLocalCopy(const std::string& path) {
 
 }  // namespace
 
-// --- FileRetrievalProgressUpdater ------------------------------------------
-
-FileRetrievalProgressUpdater::FileRetrievalProgressUpdater(
-    MigrationStatus& status, int64_t totalSize, int files, Clock clock,
-    SaveClock saveClock)
-    : status_(status),
-      clock_(clock),
-      saveClock_(saveClock),
-      startTime_(clock()),
-      sizeLeft_(totalSize),
-      filesLeft_(files),
-      sizeTotal_(totalSize),
-      filesTotal_(files) {
-  report();
-}
-
-int64_t FileRetrievalProgressUpdater::monotonicMs() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
-
-std::time_t FileRetrievalProgressUpdater::currentTime() {
-  return std::time(nullptr);
-}
-
-void FileRetrievalProgressUpdater::update(std::size_t bytes) {
-  (*this)(static_cast<long>(bytes));
-}
-
-void FileRetrievalProgressUpdater::startFile(std::optional<uint64_t> size) {
-  currentFileSized_ = size.has_value();
-  currentFileSizeLeft_ = static_cast<int64_t>(size.value_or(0));
-}
-
-void FileRetrievalProgressUpdater::operator()(long n) {
-  sizeLeft_ -= n;
-  currentFileSizeLeft_ -= n;
-  transferred_ += n;
-  std::time_t now = clock_();
-  speed_ = now == startTime_
-               ? 0
-               : transferred_ / static_cast<int64_t>(now - startTime_);
-  status_.setTransferSpeed(std::to_string(speed_));
-  status_.setTransferSizeLeft(std::to_string(sizeLeft_));
-  if (currentFileSized_) {
-    status_.setTransferCurrentFileSizeLeft(
-        std::to_string(currentFileSizeLeft_));
-  }
-  int64_t nowMs = saveClock_();
-  if (!saved_ || (currentFileSized_ && currentFileSizeLeft_ <= 0) ||
-      nowMs - lastSaveMs_ >= kSaveIntervalMs) {
-    save(nowMs);
-  } else {
-    heldBack_ = true;
-  }
-  report();
-}
-
-int FileRetrievalProgressUpdater::idle() {
-  if (!heldBack_) return -1;
-  int64_t nowMs = saveClock_();
-  int64_t left = kSaveIntervalMs - (nowMs - lastSaveMs_);
-  if (left > 0) return static_cast<int>(left);
-  save(nowMs);
-  return -1;
-}
-
-void FileRetrievalProgressUpdater::save(int64_t nowMs) {
-  status_.saveFile();
-  saved_ = true;
-  heldBack_ = false;
-  lastSaveMs_ = nowMs;
-}
-
-int FileRetrievalProgressUpdater::fileDone() {
-  --filesLeft_;
-  report();
-  return filesLeft_;
-}
-
-void FileRetrievalProgressUpdater::report() const {
-  TransferFigures figures;
-  figures.filesTotal = filesTotal_;
-  figures.filesLeft = filesLeft_;
-  figures.sizeTotal = sizeTotal_;
-  figures.sizeLeft = sizeLeft_;
-  figures.speed = speed_;
-  reportTransferProgress(figures);
-}
-
-// --- RetrieveContentAction -------------------------------------------------
-
 void RetrieveContentAction::execute() {
   try {
     retrieve();
@@ -260,16 +165,14 @@ void RetrieveContentAction::retrieve() {
 std::unique_ptr<AgentFileList> RetrieveContentAction::fetchFileList() {
   std::shared_ptr<Agent> agent =
       theAgentsFactory().getAgent(config_->agentName);
-  ArgsBuilder command;
-  command << agent->getInterpreterOrDefault()
-          << config_->agentDir + "/" + agent->getEntryPoint()
-          << "--get-content-list";
+  const std::string command =
+      agentCommands().agentLine(*agent, {"--get-content-list"});
   BoundedText list(kMaxContentListBytes);
   std::ostream out(&list);
   CappedOutput err;
   int status = -1;
   try {
-    status = execRoot(command.str(), out, err, false);
+    status = execRoot(command, out, err, false);
   } catch (const Exc<&StreamWrite>&) {
     if (!list.overflowed()) throw;
     TOVEL_THROW(CantRetrieveContentList) %
@@ -316,7 +219,7 @@ void RetrieveContentAction::fetchFile(const DumpFile& f,
                                       const std::string& destination,
                                       FileRetrievalProgressUpdater& updater) {
   std::string local = destination + "/" + f.name;
-  std::string remote = config_->agentDir + "/" + f.name;
+  std::string remote = agentCommands().path(f.name);
   logger().debug("Fetching " + remote + " to " + local);
   CappedOutput err;
   Ssh::Receipt receipt;
@@ -362,11 +265,9 @@ std::string RetrieveContentAction::verify(const DumpFile& f,
 // The archive is already safe here; a copy left behind on the source host
 // only costs space there, so removal never stops the transfer.
 void RetrieveContentAction::removeRemoteFile(const std::string& remote) {
-  ArgsBuilder command;
-  command << "rm" << remote;
   CappedOutput out, err;
   try {
-    if (execRoot(command.str(), out, err, false) != 0) {
+    if (execRoot(AgentCommands::removeFile(remote), out, err, false) != 0) {
       Exc<&UnableToRemoveRemoteFile> e(__PRETTY_FUNCTION__, __FILE__, __LINE__);
       e % remote % config_->host % err.str();
       debugLog(e);

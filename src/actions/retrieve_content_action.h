@@ -4,89 +4,17 @@
 #ifndef FERROW_ACTIONS_RETRIEVE_CONTENT_ACTION_H_
 #define FERROW_ACTIONS_RETRIEVE_CONTENT_ACTION_H_
 
-#include <cstddef>
 #include <cstdint>
-#include <ctime>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "actions/action.h"
-#include "actions/transfer_progress.h"
+#include "actions/file_retrieval_progress_updater.h"
 #include "commons/accounts.h"
 #include "xml/agent_file_list.h"
 
 namespace tovel {
-
-// Writes the transfer figures into the status document after every chunk
-// received; "migration.status" is rewritten at most every kSaveIntervalMs
-// and whenever the last chunk of a file of listed size arrives. Figures
-// held back are saved once kSaveIntervalMs has passed even when no more
-// data comes (idle), so the document never lags a stalled source for
-// longer. The same figures go to the progress watcher, if any.
-class FileRetrievalProgressUpdater : public Ssh::Counter {
- public:
-  typedef std::time_t (*Clock)();
-  // Milliseconds of a clock that never goes back.
-  typedef int64_t (*SaveClock)();
-
-  // Least time between two saves of the figures within one file. A save
-  // costs tens of microseconds and a chunk of 64 KiB arrives every few
-  // hundred on a fast link, so saving each one cost about 8% of a transfer.
-  static constexpr int64_t kSaveIntervalMs = 100;
-
-  // The transfer phase starts now (by clock); nothing is received yet.
-  // status must outlive the updater.
-  FileRetrievalProgressUpdater(MigrationStatus& status, int64_t totalSize,
-                               int files, Clock clock = &currentTime,
-                               SaveClock saveClock = &monotonicMs);
-
-  // Counts a chunk of n bytes, then sets the speed (bytes per second since
-  // the start, "0" within the first second), the size left and the current
-  // file's size left; saves when no save of the updater happened within
-  // kSaveIntervalMs, or when the chunk completes the current file. Throws
-  // the document's save errors.
-  void operator()(long n);
-  void update(std::size_t bytes) override;
-  // Saves the figures that the interval held back once it has passed;
-  // returns the milliseconds left until then, or -1 when nothing waits.
-  // Throws the document's save errors.
-  int idle() override;
-
-  // Before each file of the list: its listed size, if any, is what is left
-  // of it. A file of no listed size has no figures of its own.
-  void startFile(std::optional<uint64_t> size);
-  // After each file, fetched or skipped; returns the files left.
-  int fileDone();
-
-  int64_t transferred() const { return transferred_; }
-  int64_t sizeLeft() const { return sizeLeft_; }
-
-  static std::time_t currentTime();
-  static int64_t monotonicMs();
-
- private:
-  MigrationStatus& status_;
-  Clock clock_;
-  SaveClock saveClock_;
-  bool saved_ = false;
-  bool heldBack_ = false;  // figures set but not saved
-  int64_t lastSaveMs_ = 0;
-  std::time_t startTime_;
-  int64_t transferred_ = 0;
-  int64_t sizeLeft_;
-  int filesLeft_;
-  bool currentFileSized_ = false;
-  int64_t currentFileSizeLeft_ = 0;
-  int64_t sizeTotal_;
-  int filesTotal_;
-  int64_t speed_ = 0;
-
-  void save(int64_t nowMs);
-  // Hands the figures to the progress watcher (transfer_progress.h).
-  void report() const;
-};
 
 class RetrieveContentAction : public Action {
  public:

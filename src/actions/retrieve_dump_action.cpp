@@ -1,15 +1,12 @@
 #include "actions/retrieve_dump_action.h"
 
-#include <signal.h>
-#include <unistd.h>
-
 #include <fstream>
 #include <log4cpp/Category.hh>
 #include <memory>
 #include <sstream>
 
+#include "actions/dumping_status_pull.h"
 #include "agents/agent_spec.h"
-#include "commons/args_builder.h"
 #include "commons/capped_output.h"
 #include "commons/session_files.h"
 #include "errors/tags.h"
@@ -17,29 +14,9 @@
 namespace tovel {
 namespace {
 
-const int kStatusPullSeconds = 5;
-
 log4cpp::Category& logger() {
   return log4cpp::Category::getInstance("p.RetrieveDumpAction");
 }
-
-// Makes `action` the one the status alarm arms while it lives. The timer
-// is stopped afterwards: a tick that lands in one of libssh2's blocking
-// waits (opening or closing a channel) makes it report a lost connection.
-class StatusPullScope {
- public:
-  explicit StatusPullScope(Action* action) {
-    pAction = action;
-    installStatusAlarmHandler();
-    alarm(kStatusPullSeconds);
-  }
-  ~StatusPullScope() {
-    pAction = nullptr;
-    alarm(0);
-  }
-  StatusPullScope(const StatusPullScope&) = delete;
-  StatusPullScope& operator=(const StatusPullScope&) = delete;
-};
 
 }  // namespace
 
@@ -49,7 +26,7 @@ RetrieveDumpAction::RetrieveDumpAction(
 
 void RetrieveDumpAction::execute() {
   try {
-    const std::string remoteDump = config_->agentDir + "/dump.xml";
+    const std::string remoteDump = agentCommands().dumpFile();
     status_->setAgentParams(config_->host);
     status_->setAgentOperation(MigrationStatus::wait);
     status_->saveFile();
@@ -67,28 +44,26 @@ void RetrieveDumpAction::execute() {
 std::string RetrieveDumpAction::buildCommand() const {
   std::shared_ptr<Agent> agent =
       theAgentsFactory().getAgent(config_->agentName);
-  ArgsBuilder command;
-  command << agent->getInterpreterOrDefault()
-          << config_->agentDir + "/" + agent->getEntryPoint();
-  for (const std::string& argument : arguments_) command << argument;
-  if (config_->noContent) command << "--no-content";
-  return command.str();
+  std::vector<std::string> arguments = arguments_;
+  if (config_->noContent) arguments.push_back("--no-content");
+  return agentCommands().agentLine(*agent, arguments);
 }
 
 void RetrieveDumpAction::runAgent(const std::string& command) {
-  StatusPullScope pulling(this);
+  // The pulls belong to this one command: they start with it and end
+  // with it.
+  DumpingStatusPull pull(*getSsh(), agentCommands().dumpingStatusFile(),
+                         theSession->getDumpingStatusFileName());
+  const Periodic pulling = pull.periodic();
   CappedOutput out, err;
   int status;
   if (input_.empty()) {
-    status = execRoot(command, out, err, false);
+    status = execRoot(command, out, err, false, &pulling);
   } else {
     std::istringstream in(input_);
-    status = execRoot(command, in, out, err, false, false);
+    status = execRoot(command, in, out, err, false, false, &pulling);
   }
   if (status != 0) TOVEL_THROW(CantRetrieveDumpFile) % err.str();
-  // A tick that registered the pull but found no wait round left would
-  // run it during the fetch and start the timer again.
-  getSsh()->setAlarm(nullptr);
 }
 
 void RetrieveDumpAction::writeDumpName() const {

@@ -9,10 +9,11 @@
 #include <log4cpp/Category.hh>
 #include <sstream>
 
+#include "actions/dir_walk.h"
 #include "agents/agent_spec.h"
 #include "commons/accounts.h"
-#include "commons/args_builder.h"
 #include "commons/capped_output.h"
+#include "commons/local_file_error.h"
 #include "commons/product_paths.h"
 #include "commons/session_files.h"
 #include "errors/tags.h"
@@ -33,46 +34,36 @@ log4cpp::Category& logger() {
 
 }  // namespace
 
-void recursive_dir_walk_sync(const fs::path& local, const fs::path& destination,
-                             const DirWalkCallback& callback) {
-  if (!callback(local, destination) || !fs::is_directory(local)) return;
-  for (fs::directory_iterator entry(local), end; entry != end; ++entry) {
-    recursive_dir_walk_internal(entry->path(), destination, callback);
-  }
-}
-
-void recursive_dir_walk_internal(const fs::path& entry,
-                                 const fs::path& destination,
-                                 const DirWalkCallback& callback) {
-  recursive_dir_walk_sync(entry, destination / entry.filename(), callback);
-}
-
-void recursive_dir_walk(const fs::path& local,
-                        const DirWalkCallback& callback) {
-  recursive_dir_walk_sync(local, fs::path(), callback);
-}
-
 void SendAgentAction::execute() {
   status_->setAgentParams(config_->host);
   status_->setAgentOperation(MigrationStatus::deploy);
   status_->saveFile();
   logger().notice("Copying agent " + config_->agentName +
                   " to the remote host.");
-
-  const fs::path catalogue(files::agents::getDir());
-  const fs::path remote(config_->agentDir);
-  // Shared files go first so that the agent's own ones overwrite them.
-  const fs::path shared = catalogue / AGENTS_SHARED_DIR;
-  if (!fs::exists(shared)) TOVEL_THROW(NoSharedAgentsDirectory);
-  sendTree(shared, remote);
-  const fs::path agentDir = catalogue / config_->agentName;
-  if (!fs::exists(agentDir)) TOVEL_THROW(NoAgentDirectory) % config_->agentName;
-  sendTree(agentDir, remote);
-
+  // A catalogue that cannot be read fails the step like any other error.
+  try {
+    sendAgent();
+  } catch (const fs::filesystem_error& e) {
+    throwLocalFileError(e);
+  }
   status_->setAgentOperation(MigrationStatus::wait);
   status_->saveFile();
   logger().notice("Getting agent deployment status");
   requestStatus(*theAgentsFactory().getAgent(config_->agentName));
+}
+
+void SendAgentAction::sendAgent() {
+  const fs::path catalogue(files::agents::getDir());
+  const fs::path remote(agentCommands().dir());
+  // Shared files go first so that the agent's own ones overwrite them.
+  const fs::path shared = catalogue / AGENTS_SHARED_DIR;
+  if (!fs::exists(shared)) TOVEL_THROW(NoSharedAgentsDirectory);
+  sendTree(shared, remote);
+  const fs::path agentFiles = catalogue / config_->agentName;
+  if (!fs::exists(agentFiles)) {
+    TOVEL_THROW(NoAgentDirectory) % config_->agentName;
+  }
+  sendTree(agentFiles, remote);
 }
 
 void SendAgentAction::sendTree(const fs::path& root, const fs::path& remote) {
@@ -95,14 +86,11 @@ bool SendAgentAction::sendFile(const fs::path& walkRoot, const fs::path& local,
     return false;
   }
   logger().info("remote mkdir " + remote.string());
-  ArgsBuilder mkdir;
-  mkdir << "mkdir"
-        << "-p" << remote.string();
-  prepareRemoteDirectory(mkdir.str(), remote.string());
+  prepareRemoteDirectory(AgentCommands::makeDir(remote.string()),
+                         remote.string());
   // Files are uploaded as the login, which must be able to write here.
-  ArgsBuilder chown;
-  chown << "chown" << config_->login << remote.string();
-  prepareRemoteDirectory(chown.str(), remote.string());
+  prepareRemoteDirectory(AgentCommands::giveTo(config_->login, remote.string()),
+                         remote.string());
   return true;
 }
 
@@ -117,22 +105,18 @@ void SendAgentAction::prepareRemoteDirectory(const std::string& command,
 }
 
 void SendAgentAction::requestStatus(const Agent& agent) {
-  const std::string entryPoint =
-      config_->agentDir + "/" + agent.getEntryPoint();
+  const AgentCommands commands = agentCommands();
+  const std::string entryPoint = commands.entryPoint(agent);
   const std::string local = theSession->getDeploymentStatusFileName();
   std::ofstream file(local.c_str(), std::ios::binary | std::ios::trunc);
   if (!file) {
     logger().error("Unable to create " + local + ": " + strerror(errno));
     TOVEL_THROW(StreamWrite);
   }
-  ArgsBuilder line;
-  line << "sh"
-       << "-c"
-       << "cd " + config_->agentDir + " && " + agent.getInterpreterOrDefault() +
-              " " + entryPoint + " --get-status";
   std::istringstream none;
   CappedOutput err;
-  int status = execRoot(line.str(), none, file, err, false, true);
+  int status =
+      execRoot(commands.statusRequest(agent), none, file, err, false, true);
   file.close();
   // The message names the entry point only; the full line is in the log.
   if (status != 0) TOVEL_THROW(CantRequestAgentStatus) % entryPoint % err.str();

@@ -2,35 +2,12 @@
 #define FERROW_ACTIONS_SEND_AGENT_ACTION_H_
 
 #include <boost/filesystem/path.hpp>
-#include <boost/function.hpp>
 
 #include "actions/action.h"
 
 namespace tovel {
 
 class Agent;
-
-// Told each path of a walk with the matching destination path; returns
-// whether a directory should be descended into.
-typedef boost::function<bool(const boost::filesystem::path& local,
-                             const boost::filesystem::path& destination)>
-    DirWalkCallback;
-
-// Calls callback(local, destination); when that returns true and local is
-// a directory, walks each of its entries (one level, in directory order)
-// with recursive_dir_walk_internal. An empty callback throws
-// boost::bad_function_call; directory reading errors throw
-// boost::filesystem::filesystem_error.
-void recursive_dir_walk_sync(const boost::filesystem::path& local,
-                             const boost::filesystem::path& destination,
-                             const DirWalkCallback& callback);
-// Walks entry to destination / entry's file name.
-void recursive_dir_walk_internal(const boost::filesystem::path& entry,
-                                 const boost::filesystem::path& destination,
-                                 const DirWalkCallback& callback);
-// recursive_dir_walk_sync with an empty destination.
-void recursive_dir_walk(const boost::filesystem::path& local,
-                        const DirWalkCallback& callback);
 
 // "--deploy-agent": copies CATALOGUE/shared and then CATALOGUE/AGENT_NAME
 // into AGENT_DIR on the source host (the agent's files overwrite shared
@@ -42,8 +19,9 @@ class SendAgentAction : public Action {
   SendAgentAction() : Action(true) {}
 
   // Throws NoSharedAgentsDirectory, NoAgentDirectory,
-  // CantCreateAgentDirectory, CantRequestAgentStatus, and what the SSH
-  // layer and the agent catalogue (AgentNotFound) throw, unchanged.
+  // CantCreateAgentDirectory, CantRequestAgentStatus, LocalFileError when
+  // the catalogue cannot be read, and what the SSH layer and the agent
+  // catalogue (AgentNotFound) throw, unchanged.
   void execute() override;
 
   // The walk callback: for a directory, creates `remote` as root and gives
@@ -55,6 +33,8 @@ class SendAgentAction : public Action {
                 const boost::filesystem::path& remote);
 
  private:
+  // Copies the catalogue's shared files, then the agent's own.
+  void sendAgent();
   // Walks root to remote with sendFile.
   void sendTree(const boost::filesystem::path& root,
                 const boost::filesystem::path& remote);

@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <string.h>
 
+#include <algorithm>
 #include <istream>
 #include <log4cpp/Category.hh>
 #include <ostream>
@@ -37,11 +38,14 @@ int signalNumber(const std::string& name) {
 
 CommandPump::CommandPump(libssh2pp::Session& session,
                          libssh2pp::Channel& channel,
-                         const CommandStreams& streams, Alarm* const& alarm)
+                         const CommandStreams& streams,
+                         const Periodic* periodic)
     : session_(session),
       channel_(channel.get()),
       streams_(streams),
-      alarm_(alarm),
+      periodic_(periodic && periodic->tick ? periodic : nullptr),
+      nextTick_(std::chrono::steady_clock::now() +
+                (periodic_ ? periodic_->period : std::chrono::milliseconds())),
       input_(kChunkSize),
       output_(kChunkSize) {}
 
@@ -49,7 +53,7 @@ void CommandPump::run() {
   for (;;) {
     // A cancelled run stops here too while the command is silent.
     checkProgramTerminated();
-    // An alarm may have run commands of its own, which leave the session
+    // A tick may have run commands of its own, which leave the session
     // blocking.
     libssh2_session_set_blocking(session_.get(),
                                  libssh2pp::Channel::kNonBlocking);
@@ -57,7 +61,9 @@ void CommandPump::run() {
     progressed = drain(0) || progressed;
     progressed = drain(1) || progressed;
     if (inputDone_ && libssh2_channel_eof(channel_)) break;
-    if (alarm_ != nullptr && !writeBlocked_) alarm_->doAlarm();
+    // The tick's commands read the socket too and may have taken this
+    // command's data off it: look again before waiting.
+    progressed = tickIfDue() || progressed;
     if (!progressed) session_.waitSocket(waitRoundMs());
   }
   flushLog();
@@ -139,12 +145,32 @@ bool CommandPump::drain(int stream) {
   return true;
 }
 
+// A write that the library could only partly send must be finished before
+// another command uses the session.
+bool CommandPump::tickIfDue() {
+  if (periodic_ == nullptr || writeBlocked_) return false;
+  if (std::chrono::steady_clock::now() < nextTick_) return false;
+  if (!periodic_->tick()) {
+    periodic_ = nullptr;
+    return true;
+  }
+  nextTick_ = std::chrono::steady_clock::now() + periodic_->period;
+  return true;
+}
+
 // The counter may hold figures back for a moment and must get them out
-// even when the command falls silent; a time-out, not a poll, so a stalled
-// source costs no CPU.
+// even when the command falls silent, and a tick is due on time; a
+// time-out, not a poll, so a stalled source costs no CPU.
 int CommandPump::waitRoundMs() {
+  int wait = kWaitRoundMs;
   int asked = streams_.counter.idle();
-  return asked > 0 && asked < kWaitRoundMs ? asked : kWaitRoundMs;
+  if (asked > 0 && asked < wait) wait = asked;
+  if (periodic_ != nullptr && !writeBlocked_) {
+    auto left = std::chrono::ceil<std::chrono::milliseconds>(
+        nextTick_ - std::chrono::steady_clock::now());
+    wait = static_cast<int>(std::clamp<long long>(left.count(), 0, wait));
+  }
+  return wait;
 }
 
 void CommandPump::deliver(int stream, std::size_t size) {

@@ -3,13 +3,14 @@
 #ifndef FERROW_TRANSPORT_COMMAND_PUMP_H_
 #define FERROW_TRANSPORT_COMMAND_PUMP_H_
 
+#include <chrono>
 #include <cstddef>
 #include <iosfwd>
 #include <vector>
 
 #include "commons/secrets.h"
-#include "transport/alarm.h"
 #include "transport/channel.h"
+#include "transport/periodic.h"
 #include "transport/session.h"
 #include "transport/ssh_transfer.h"
 
@@ -28,13 +29,14 @@ class CommandPump {
  public:
   // Largest chunk read from any stream at once.
   static constexpr std::size_t kChunkSize = 65536;
-  // Longest single wait for the socket; also how late an alarm can run,
-  // while the counter may ask for shorter ones.
+  // Longest single wait for the socket; the counter and a periodic tick
+  // that falls due may ask for shorter ones.
   static constexpr int kWaitRoundMs = 5000;
 
-  // None owned; `alarm` is read at every round, as the caller may change it.
+  // None owned. `periodic`, when not null, ticks between rounds as it
+  // says, never while a write is half sent.
   CommandPump(libssh2pp::Session& session, libssh2pp::Channel& channel,
-              const CommandStreams& streams, Alarm* const& alarm);
+              const CommandStreams& streams, const Periodic* periodic);
 
   // Feeds the input (then EOF) while draining both output streams, until
   // the remote side has sent EOF and everything it sent is delivered. The
@@ -53,6 +55,7 @@ class CommandPump {
   bool remoteClosed();
   bool inputDropped();
   bool drain(int stream);
+  bool tickIfDue();
   int waitRoundMs();
   void deliver(int stream, std::size_t size);
   int signalStatus();
@@ -62,7 +65,9 @@ class CommandPump {
   libssh2pp::Session& session_;
   LIBSSH2_CHANNEL* channel_;
   const CommandStreams& streams_;
-  Alarm* const& alarm_;
+  // Null once it asked to tick no more.
+  const Periodic* periodic_;
+  std::chrono::steady_clock::time_point nextTick_;
   std::vector<char> input_;
   std::size_t inputOffset_ = 0;
   std::size_t inputLength_ = 0;

@@ -58,8 +58,8 @@ Session::~Session() {
 // A peer that accepts the connection but never completes the handshake (no
 // SSH server behind the port, or one that trickles lines) must not hold the
 // run: the whole handshake, not each wait in it, gets one deadline.
+// Non-blocking, so no signal can break a wait inside the library here.
 void Session::handshake() {
-  SignalGuard noSignals;
   libssh2_session_set_blocking(get(), 0);
   auto deadline = std::chrono::steady_clock::now() +
                   std::chrono::milliseconds(kHandshakeTimeoutMs);

@@ -1,7 +1,8 @@
-// Holds back the signals ferrow handles (SIGALRM of the status pull,
-// SIGTERM and SIGINT of a cancelled run) for a scope. libssh2's blocking
-// calls give up when a signal interrupts their wait, so none may land
-// inside one; a signal raised meanwhile is delivered when the scope ends.
+// Holds back the signals ferrow handles (SIGTERM and SIGINT of a
+// cancelled run) for a scope. libssh2's blocking calls give up when a
+// signal interrupts their wait and report a lost connection, so none may
+// land inside one; a signal raised meanwhile is delivered when the scope
+// ends, and the run then stops at its next check of the termination flag.
 #ifndef FERROW_TRANSPORT_SIGNAL_GUARD_H_
 #define FERROW_TRANSPORT_SIGNAL_GUARD_H_
 
@@ -14,7 +15,6 @@ class SignalGuard {
   SignalGuard() {
     sigset_t handled;
     sigemptyset(&handled);
-    sigaddset(&handled, SIGALRM);
     sigaddset(&handled, SIGTERM);
     sigaddset(&handled, SIGINT);
     sigprocmask(SIG_BLOCK, &handled, &previous_);

@@ -77,12 +77,12 @@ void Ssh::connect(const std::string& host, unsigned short port,
 
 int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out,
               std::ostream& err, bool quietOutput, bool quietInput,
-              Counter& counter) {
+              Counter& counter, const Periodic* periodic) {
   logger().debug("Executing " + command + " on the remote host");
   std::unique_ptr<libssh2pp::Channel> channel =
       session_->openExecChannel(command, libssh2pp::Channel::kBlocking);
   CommandStreams streams{in, out, err, quietOutput, quietInput, counter};
-  CommandPump pump(*session_, *channel, streams, alarm_);
+  CommandPump pump(*session_, *channel, streams, periodic);
   try {
     pump.run();
   } catch (const MigrationTerminatedException&) {

@@ -11,8 +11,8 @@
 #include <string>
 
 #include "commons/socket.h"
-#include "transport/alarm.h"
 #include "transport/host_key_check.h"
+#include "transport/periodic.h"
 #include "transport/session.h"
 
 namespace tovel {
@@ -57,12 +57,15 @@ class Ssh {
   // DEBUG, every registered secret masked. A wait for the remote side
   // lasts no longer than `counter` asks (Counter::idle). Between chunks,
   // and at least every 5 s while the command is silent, the termination
-  // flag is polled (MigrationTerminatedException). Throws SshConnectionFault when the
+  // flag is polled (MigrationTerminatedException). With `periodic` (not
+  // owned), its tick runs between two rounds, on this thread, as Periodic
+  // says, and only during this command. Throws SshConnectionFault when the
   // connection is lost, StreamRead/StreamWrite when a local stream fails,
-  // UnableToSendEof, InvalidHandle when no channel can be opened.
+  // UnableToSendEof, InvalidHandle when no channel can be opened, and what
+  // the tick throws.
   int exec(const std::string& command, std::istream& in, std::ostream& out,
            std::ostream& err, bool quietOutput, bool quietInput,
-           Counter& counter);
+           Counter& counter, const Periodic* periodic = nullptr);
   // The same with empty standard input.
   int exec(const std::string& command, std::ostream& out, std::ostream& err,
            bool quietOutput, Counter& counter);
@@ -104,16 +107,12 @@ class Ssh {
   void put(std::istream& in, const std::string& remotePath);
   void put(const std::string& localPath, const std::string& remotePath);
 
-  // Not owned; null to unregister. Run at the wait rounds of exec.
-  void setAlarm(Alarm* alarm) { alarm_ = alarm; }
-
  private:
   void connect(const std::string& host, unsigned short port, bool noEncryption,
                const HostKeyPolicy& hostKeys);
 
   std::unique_ptr<Socket> socket_;
   std::unique_ptr<libssh2pp::Session> session_;
-  Alarm* alarm_ = nullptr;
 };
 
 }  // namespace tovel
