@@ -5,21 +5,23 @@
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sched.h>
-#include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/filesystem.hpp>
 #include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "actions/get_dumping_status_action.h"
+#include "actions/agent_commands.h"
+#include "actions/dumping_status_pull.h"
 #include "actions/remove_dumping_status_action.h"
 #include "actions/retrieve_content_action.h"
 #include "actions/retrieve_dump_action.h"
+#include "agents/agent_spec.h"
 #include "commons/checksum.h"
 #include "commons/disk_space.h"
 #include "commons/dyr_conf.h"
@@ -87,9 +89,6 @@ class ActionTest : public ::testing::Test {
     fs::create_directories(cfg_.agentDir);
   }
   void TearDown() override {
-    alarm(0);
-    signal(SIGALRM, SIG_DFL);
-    pAction = nullptr;
     theSession = nullptr;
     theLog = nullptr;
     theDebugLog = nullptr;
@@ -171,18 +170,15 @@ TEST_F(ActionTest, RootCommandsAsRootOrThroughSudoWithThePasswordLineFirst) {
 TEST_F(ActionTest, StatusPullsKeepTheLastGoodAndADumpPullsOnceAfter5s) {
   const std::string local = session_->getDumpingStatusFileName();
   const std::string remote = this->remote("dumping-status.xml");
-  action_.getSsh();
-  pAction = &action_;
+  DumpingStatusPull pull(*action_.getSsh(), remote, local);
   writeFile(local, "<status n='0'/>");
-  action_.doAlarm();  // nothing on the source yet: the last good copy stays
+  EXPECT_TRUE(pull());  // nothing on the source yet: the last good copy stays
   EXPECT_EQ(readFile(local), "<status n='0'/>");
-  EXPECT_EQ(pAction, &action_);  // armed for the next period
-  EXPECT_GT(alarm(0), 0u);
-
   writeFile(remote, "<status n='1'/>");
-  update_status(SIGALRM);  // as if the timer had fired
-  EXPECT_EQ(action_.run(false, "sleep 1; echo done"), "done\n");
+  EXPECT_TRUE(pull());
   EXPECT_EQ(readFile(local), "<status n='1'/>");
+  // A copy that cannot be kept ends the pulls.
+  EXPECT_FALSE(DumpingStatusPull(*action_.getSsh(), remote, path("no/s"))());
 
   RemoveDumpingStatusAction remove;
   remove.setConfig(&cfg_);
@@ -200,17 +196,27 @@ TEST_F(ActionTest, StatusPullsKeepTheLastGoodAndADumpPullsOnceAfter5s) {
                "printf '<dump/>' > dump.xml\n");
   writeFile(session_->getDumpFileName(), "an older and longer dump file");
   cfg_.noContent = 1;
-  RetrieveDumpAction dump({"--odd word; $(x) 'q'"}, "a.example\n");
+  struct : RetrieveDumpAction {
+    using RetrieveDumpAction::RetrieveDumpAction;
+    using Action::execUser;
+  } dump{{"--odd word; $(x) 'q'"}, "a.example\n"};
   dump.setConfig(&cfg_);
+  ferrow_test::LogCapture ssh("p.Ssh");
   dump.execute();
   EXPECT_EQ(readFile(this->remote("argv.txt")),
             "--odd word; $(x) 'q'\n--no-content\na.example\n");
   EXPECT_EQ(readFile(session_->getDumpFileName()), "<dump/>");
-  EXPECT_EQ(readFile(session_->getDumpingStatusFileName()), "<s n=\"1\"/>");
-  EXPECT_EQ(pAction, nullptr);
-  EXPECT_EQ(alarm(0), 0u);  // no tick left to hit a later command
+  // No tick outlives the dump: a later command on its connection pulls
+  // nothing.
+  std::istringstream none;
+  std::ostringstream out;
+  dump.execUser("sleep 5.5", none, out, out, false, false);
+  EXPECT_EQ(readFile(local), "<s n=\"1\"/>");
+  const std::vector<std::string> lines = ssh.lines();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(),
+                       "Reading data to the file " + local + ".tmp"),
+            1);
 }
-
 
 class RetrieveContentActionTest : public ActionTest {
  protected:
@@ -418,6 +424,37 @@ TEST(FileRetrievalProgressUpdaterTest, FiguresFollowEveryChunkSavesAreSpaced) {
   EXPECT_THAT(status.saved, ElementsAre("0 9000 3000", "0 8500 2500",
                                         "1333 6000 0", "1275 4900 -100",
                                         "1287 4850 -150", "1300 4800 -150"));
+}
+
+// Each line as a shell runs it: the directory stays one word, whatever
+// it holds; a plain one is spelt as it always was.
+TEST(AgentCommandsTest, TheAgentDirectoryIsOneWordInEveryLine) {
+  ferrow_test::TempDir tmp;
+  writeFile(tmp.path() + "/spec", "EntryPoint: a.sh\nInterpreter: echo\n");
+  const Agent agent("x", tmp.path() + "/spec");
+  const AgentCommands plain("/srv/ag");
+  EXPECT_EQ(plain.inAgentDir("rm x") + "|" + plain.statusRequest(agent),
+            "sh -c cd\\ /srv/ag\\;\\ rm\\ x|sh -c cd\\ /srv/ag\\ \\&\\&\\ "
+            "echo\\ /srv/ag/a.sh\\ --get-status");
+  for (const std::string& dir :
+       {tmp.path() + "/ag", tmp.path() + "/a b'\"$(x);`y` &\n"}) {
+    ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
+    const AgentCommands c(dir);
+    const std::string words = "printf '[%s]' ";
+    const std::pair<std::string, std::string> rows[] = {
+        {c.inAgentDir("pwd"), dir + "\n"},
+        {c.statusRequest(agent), dir + "/a.sh --get-status\n"},
+        {c.agentLine(agent, {"--x y"}), dir + "/a.sh --x y\n"},
+        {words + c.removeAgentDir(), "[rm][-rf][" + dir + "]"},
+        {words + AgentCommands::makeDir(c.dumpFile()),
+         "[mkdir][-p][" + dir + "/dump.xml]"},
+        {words + AgentCommands::giveTo("u", c.dumpingStatusFile()),
+         "[chown][u][" + dir + "/dumping-status.xml]"},
+        {words + AgentCommands::removeFile(c.path("f")), "[rm][" + dir + "/f]"},
+    };
+    for (const auto& [line, shown] : rows)
+      EXPECT_EQ(ferrow_test::runCommand({"sh", "-c", line}).out, shown) << line;
+  }
 }
 
 }  // namespace

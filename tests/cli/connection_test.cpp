@@ -111,10 +111,9 @@ class ConnectionTest : public ::testing::Test {
 TEST_F(ConnectionTest, EachWayOfLoggingInRemovesWhatItMayOrIsRefused) {
   const std::string parent = scratch_.path();
   chmod(parent.c_str(), 0755);
-  // The directory is one word for rm however it is spelt; the words it
-  // would split into name siblings that must survive. (No quote character:
-  // it also goes unquoted after "cd".)
-  std::string hostile = parent + "/agent dir; nocmd & $z";
+  // The directory is one word for cd and rm however it is spelt; the
+  // words it would split into name siblings that must survive.
+  std::string hostile = parent + "/agent dir; nocmd & $z 'q";
   for (const std::string& dir :
        {hostile, parent + "/agent", parent + "/agent dir"})
     makeTree(dir, 0, 0, 0755);

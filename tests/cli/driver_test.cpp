@@ -116,6 +116,19 @@ TEST_F(DriverTest, RunsKeepEarlierRecordsAndOneGrowingLog) {
   EXPECT_EQ(0, verbose.exitCode);
   EXPECT_THAT(verbose.out, HasSubstr("INFO p.log: Ferrow started : "));
 
+  // A catalogue that cannot be read fails the step, saying where and why.
+  const std::string shared = install_.productRoot() + "/QVT/agents/shared";
+  mkdir((install_.productRoot() + "/QVT/agents").c_str(), 0755);
+  ASSERT_EQ(0, symlink(shared.c_str(), shared.c_str()));
+  RunResult deploy = install_.run({"--deploy-agent", "--host=h", "--login=l",
+                                   "--agent-dir=/a", "--agent-name=a",
+                                   "--session-path", session()},
+                                  {{"DYR_PASSWORD", "p"}});
+  EXPECT_EQ(2, deploy.exitCode);
+  EXPECT_EQ("Local file system error on " + shared +
+                ": Too many levels of symbolic links",
+            deploy.err);
+
   // A directory where the status document must go: the action cannot save.
   ASSERT_EQ(0, unlink((session() + "/migration.status").c_str()));
   ASSERT_EQ(0, mkdir((session() + "/migration.status").c_str(), 0700));

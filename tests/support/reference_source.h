@@ -27,8 +27,7 @@ class ReferenceSource {
     chmod(source_.path().c_str(), 0755);
   }
 
-  // Where the agent is deployed: "cd DIR; ..." takes it unquoted, so no
-  // blanks here.
+  // Where the agent is deployed.
   std::string agentDir() const { return source_.path() + "/agent"; }
 
   static void copyTree(const boost::filesystem::path& from,
