@@ -27,15 +27,15 @@ class AgentCommands {
   // Paths: DIR itself, and DIR/name for a name relative to it.
   const std::string& dir() const { return dir_; }
   std::string path(const std::string& name) const;
-  // DIR/ENTRY_POINT of the agent's spec.
+  // DIR/ENTRY_POINT, as the agent's spec file names it.
   std::string entryPoint(const Agent& agent) const;
-  // DIR/dump.xml, the dump description the agent writes.
+  // DIR/dump.xml, the dump file the agent writes.
   std::string dumpFile() const;
   // DIR/dumping-status.xml, the status the agent keeps while it dumps.
   std::string dumpingStatusFile() const;
 
   // "INTERPRETER DIR/ENTRY_POINT ARGUMENT...": the agent's interpreter
-  // ("perl" when its spec names none) running its entry point.
+  // ("perl" when its spec file names none) running its entry point.
   std::string agentLine(const Agent& agent,
                         const std::vector<std::string>& arguments) const;
   // "sh -c 'cd DIR && AGENT_LINE --get-status'": the deployed agent asked
