@@ -197,8 +197,8 @@ TEST_F(ActionTest, StatusPullsKeepTheLastGoodAndADumpPullsOnceAfter5s) {
   writeFile(session_->getDumpFileName(), "an older and longer dump file");
   cfg_.noContent = 1;
   struct : RetrieveDumpAction {
-    using RetrieveDumpAction::RetrieveDumpAction;
     using Action::execUser;
+    using RetrieveDumpAction::RetrieveDumpAction;
   } dump{{"--odd word; $(x) 'q'"}, "a.example\n"};
   dump.setConfig(&cfg_);
   ferrow_test::LogCapture ssh("p.Ssh");
@@ -370,7 +370,6 @@ TEST_F(RetrieveContentActionTest, FreeSpaceEqualToTheTotalPasses) {
   EXPECT_EQ(failure(), "no error");
   umount2(cfg_.dumpsDir.c_str(), MNT_DETACH);
 }
-
 
 // At each save, the figures as they then stood.
 struct SaveLog : XmlMigrationStatus {

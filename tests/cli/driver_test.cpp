@@ -120,10 +120,10 @@ TEST_F(DriverTest, RunsKeepEarlierRecordsAndOneGrowingLog) {
   const std::string shared = install_.productRoot() + "/QVT/agents/shared";
   mkdir((install_.productRoot() + "/QVT/agents").c_str(), 0755);
   ASSERT_EQ(0, symlink(shared.c_str(), shared.c_str()));
-  RunResult deploy = install_.run({"--deploy-agent", "--host=h", "--login=l",
-                                   "--agent-dir=/a", "--agent-name=a",
-                                   "--session-path", session()},
-                                  {{"DYR_PASSWORD", "p"}});
+  RunResult deploy =
+      install_.run({"--deploy-agent", "--host=h", "--login=l", "--agent-dir=/a",
+                    "--agent-name=a", "--session-path", session()},
+                   {{"DYR_PASSWORD", "p"}});
   EXPECT_EQ(2, deploy.exitCode);
   EXPECT_EQ("Local file system error on " + shared +
                 ": Too many levels of symbolic links",
