@@ -4,7 +4,6 @@
 #include <log4cpp/Category.hh>
 
 #include "commons/product_paths.h"
-#include "errors/tags.h"
 
 namespace tovel {
 

@@ -8,11 +8,10 @@
 #include <memory>
 #include <sstream>
 
-#include "agents/agent_spec.h"
+#include "agents/agents_factory.h"
 #include "commons/args_builder.h"
 #include "commons/capped_output.h"
 #include "commons/session_files.h"
-#include "errors/tags.h"
 
 namespace tovel {
 namespace {

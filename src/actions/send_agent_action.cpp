@@ -9,13 +9,12 @@
 #include <log4cpp/Category.hh>
 #include <sstream>
 
-#include "agents/agent_spec.h"
+#include "agents/agents_factory.h"
 #include "commons/accounts.h"
 #include "commons/args_builder.h"
 #include "commons/capped_output.h"
 #include "commons/product_paths.h"
 #include "commons/session_files.h"
-#include "errors/tags.h"
 
 namespace tovel {
 namespace fs = boost::filesystem;

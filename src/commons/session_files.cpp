@@ -10,7 +10,6 @@
 #include "commons/accounts.h"
 #include "commons/host_log.h"
 #include "commons/product_paths.h"
-#include "errors/tags.h"
 
 namespace fs = boost::filesystem;
 

@@ -5,7 +5,12 @@
 
 #include <string>
 
+#include "errors/exc.h"
+
 namespace tovel {
+
+// The session directory is not there and cannot be made.
+TOVEL_DECLARE_TAG(UnableToCreateSession)
 
 class SessionFiles {
  public:
@@ -50,5 +55,8 @@ class SessionLifetimeController {
 };
 
 }  // namespace tovel
+
+TOVEL_EXC_TRAITS(&tovel::UnableToCreateSession, "UnableToCreateSession",
+                 "Unable to create session: %1%");
 
 #endif  // FERROW_COMMONS_SESSION_FILES_H_

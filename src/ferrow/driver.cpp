@@ -15,13 +15,15 @@
 #include "actions/terminal_progress.h"
 #include "commons/dyr_conf.h"
 #include "commons/session_files.h"
-#include "errors/tags.h"
 #include "ferrow/dump_options.h"
 #include "ferrow/options.h"
 #include "log/debug_log.h"
 #include "log/run_log.h"
 #include "transport/host_key_check.h"
 #include "log/start_stop_logger.h"
+#include "transport/libssh2_errors.h"
+#include "transport/socket.h"
+#include "transport/ssh_transfer.h"
 
 namespace tovel {
 namespace {

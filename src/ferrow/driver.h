@@ -17,8 +17,12 @@
 #include "actions/action.h"
 #include "commons/config.h"
 #include "errors/ex_traceable.h"
+#include "errors/exc.h"
 
 namespace tovel {
+
+// The factory was asked for an id that has no action.
+TOVEL_DECLARE_TAG(UnknownAction)
 
 // The whole run; returns the exit code. Throws only what escapes the
 // controllers (main catches it).
@@ -46,5 +50,9 @@ Action* getActionByIdInternal(const config& cfg);
 std::string getLogName(const config& cfg);
 
 }  // namespace tovel
+
+TOVEL_EXC_TRAITS(&tovel::UnknownAction, "UnknownAction",
+                 "Unknown action passed to the function. Probably bug in the "
+                 "options parser");
 
 #endif  // FERROW_FERROW_DRIVER_H_

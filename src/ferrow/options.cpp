@@ -9,7 +9,6 @@
 
 #include "commons/secrets.h"
 #include "errors/exc.h"
-#include "errors/tags.h"
 #include "transport/host_key_check.h"
 
 namespace tovel {

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "commons/config.h"
+#include "errors/exc.h"
 
 namespace tovel {
 
@@ -64,5 +65,12 @@ void resetEnvPasswordForTesting();
 [[noreturn]] void no_action_option(const char* option, const char* action);
 
 }  // namespace tovel
+
+// A command line that breaks a rule; at global scope, where its callers
+// name it.
+TOVEL_DECLARE_TAG(OptParsingError)
+
+TOVEL_EXC_TRAITS(&::OptParsingError, "OptParsingError",
+                 "Unable to parse command line: %1%");
 
 #endif  // FERROW_FERROW_OPTIONS_H_

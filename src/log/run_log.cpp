@@ -9,10 +9,10 @@
 
 #include "commons/host_log.h"
 #include "commons/session_files.h"
-#include "errors/tags.h"
 #include "errors/text_msg_formatter.h"
 #include "log/debug_log.h"
 #include "xml/xml_msg_formatter.h"
+#include "xml/xml_node.h"
 
 namespace tovel {
 

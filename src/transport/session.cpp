@@ -8,7 +8,6 @@
 #include <chrono>
 #include <log4cpp/Category.hh>
 
-#include "errors/tags.h"
 #include "transport/signal_guard.h"
 #include "transport/libssh2_errors.h"
 

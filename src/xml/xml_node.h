@@ -6,7 +6,12 @@
 
 #include <string>
 
+#include "errors/exc.h"
+
 namespace tovel {
+
+// A node without an enclosing element was asked for its parent.
+TOVEL_DECLARE_TAG(NoParentNode)
 
 // Does not own the node: the node belongs to its document, which must
 // outlive the handle.
@@ -28,5 +33,8 @@ class XmlNode {
 };
 
 }  // namespace tovel
+
+TOVEL_EXC_TRAITS(&tovel::NoParentNode, "NoParentNode",
+                 "No parent node on requested XML element");
 
 #endif  // FERROW_XML_XML_NODE_H_

@@ -8,11 +8,18 @@
 #include <string>
 #include <vector>
 
-#include "errors/tags.h"
+#include "actions/retrieval_errors.h"
+#include "actions/retrieve_content_action.h"
 #include "ferrow/driver.h"
 #include "ferrow/dump_options.h"
 #include "support/ferrow_runner.h"
 #include "transport/host_key_check.h"
+#include "transport/libssh2_errors.h"
+#include "transport/session.h"
+#include "transport/socket.h"
+#include "transport/ssh_transfer.h"
+#include "xml/xml_document.h"
+#include "xml/xml_errors.h"
 
 namespace tovel {
 namespace {

@@ -7,15 +7,18 @@
 
 #include <boost/filesystem.hpp>
 
+#include "actions/retrieval_errors.h"
 #include "commons/commons_test_util.h"
 #include "commons/exec_cmd.h"
 #include "commons/session_files.h"
-#include "errors/tags.h"
+#include "transport/libssh2_errors.h"
 #include "xml/agent_deployment_status.h"
 #include "xml/agent_file_list.h"
 #include "xml/agents_list.h"
 #include "xml/migration_status.h"
+#include "xml/xml_document.h"
 #include "xml/xml_dtd_xslt.h"
+#include "xml/xml_errors.h"
 #include "xml/xml_msg_formatter.h"
 #include "xml/xml_node.h"
 #include "xml/xml_schema.h"
