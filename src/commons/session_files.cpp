@@ -109,6 +109,10 @@ std::string SessionFiles::getTovelDumpFileName() const {
   return path_ + "/restore.xml";
 }
 
+AccountIds SessionFiles::getDocumentOwner() const {
+  return lookupAccount(kPanelAccount);
+}
+
 void SessionFiles::remove() { fs::remove_all(path_); }
 
 // The controller is the owner of theSession.

@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "commons/accounts.h"
+
 #include "errors/exc.h"
 
 namespace tovel {
@@ -31,6 +33,11 @@ class SessionFiles {
   std::string getCidFilesDir() const;               // D itself
   std::string getCidFile(const std::string& name) const;  // D/name
   std::string getTovelDumpFileName() const;               // D/restore.xml
+
+  // The account that the documents saved in the directory are handed to,
+  // so that the panel's processes can read them: "dyradm", looked up at
+  // each call (see lookupAccount).
+  AccountIds getDocumentOwner() const;
 
   // Deletes the directory and everything under it. Throws
   // boost::filesystem::filesystem_error.

@@ -50,7 +50,9 @@ void reportUnsavedRecord(const std::string& text) {
 
 }  // namespace
 
-XmlLog::XmlLog(const std::string& logName) : fileName_(recordName(logName)) {
+XmlLog::XmlLog(const std::string& logName)
+    : fileName_(recordName(logName)),
+      owner_(theSession->getDocumentOwner()) {
   initNewDoc("execution-result");
   current_ = getRoot();
   hasError_.push_back(true);
@@ -60,7 +62,7 @@ XmlLog::XmlLog(const std::string& logName) : fileName_(recordName(logName)) {
 XmlLog::~XmlLog() {
   try {
     addAttribute(getRoot(), "status", success_ ? "success" : "error");
-    saveToFileAtomically(fileName_);
+    saveToFileAtomically(fileName_, owner_);
   } catch (const ExTraceable& e) {
     reportUnsavedRecord("Unable to save the run record: " +
                         formatPlainTextMessage(e));

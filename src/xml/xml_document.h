@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 
+#include "commons/accounts.h"
 #include "errors/exc.h"
 #include "xml/xml_errors.h"
 
@@ -55,12 +56,13 @@ class tXmlDocument {
   // Replaces target as a whole: a reader sees either the previous complete
   // file or the new one. A temporary file is created beside target, the
   // document saved into it (tError_SaveFile naming it; not synced), handed
-  // to the account "dyradm" (CantTakeFileOwnership), made readable by its
+  // to owner's uid and gid (CantTakeFileOwnership), made readable by that
   // group (mode 0640) and put in target's place (CantRenameFile). When no
   // temporary file can be created, tError_SaveFile names target with the
   // cause inside. A temporary file that was written is left behind when a
   // later step fails.
-  void saveToFileAtomically(const std::string& target);
+  void saveToFileAtomically(const std::string& target,
+                            const AccountIds& owner);
 
   // The libxml2 document, still owned by this object; null when none.
   xmlDocPtr getDoc() const { return doc_.get(); }

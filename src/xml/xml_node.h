@@ -6,6 +6,8 @@
 
 #include <string>
 
+#include "commons/accounts.h"
+
 #include "errors/exc.h"
 
 namespace tovel {
@@ -26,7 +28,8 @@ class XmlNode {
   XmlNode getParent() const;
   // Saves a copy of this node and its subtree, as the root of a document
   // of its own, with tXmlDocument::saveToFileAtomically.
-  void saveToFileAtomically(const std::string& target) const;
+  void saveToFileAtomically(const std::string& target,
+                            const AccountIds& owner) const;
 
  private:
   xmlNodePtr node_;
