@@ -15,7 +15,7 @@
 #include <string>
 
 #include "actions/action.h"
-#include "commons/config.h"
+#include "ferrow/command_line.h"
 #include "errors/ex_traceable.h"
 #include "errors/exc.h"
 
@@ -30,7 +30,7 @@ int real_main(int argc, char** argv);
 
 // Runs the action of cfg under the run record; returns its exit code.
 // Exceptions outside the ExTraceable family pass through.
-int do_actions(config& cfg);
+int do_actions(CommandLine& cfg);
 
 // The exit code of a failure of the family: 11 to 18 for the connection
 // failures listed above, also when an action wrapped one (the outermost
@@ -39,15 +39,15 @@ int exitCodeFor(const ExTraceable& e);
 
 // Replaces the first of cfg's resellers, clients and domains (in this
 // order) whose value is "-" by one line read from in; a later "-" is kept.
-void readStandardInputList(config& cfg, std::istream& in);
+void readStandardInputList(CommandLine& cfg, std::istream& in);
 
 // The action for cfg.action, configured with cfg (which must outlive it).
 // Throws Exc<&UnknownAction> for an id without an action.
-std::unique_ptr<Action> getActionById(const config& cfg);
-Action* getActionByIdInternal(const config& cfg);
+std::unique_ptr<Action> getActionById(const CommandLine& cfg);
+Action* getActionByIdInternal(const CommandLine& cfg);
 
 // "transfer.result" for "--get-content", else "" (the default record name).
-std::string getLogName(const config& cfg);
+std::string getLogName(const CommandLine& cfg);
 
 }  // namespace tovel
 
