@@ -17,8 +17,8 @@ namespace {
 // (as tempnam would), so that no other process can take the name between
 // the choice and the write.
 std::string uniqueName(const std::string& dir) {
-  std::string name = dir + (dir.empty() || dir.back() != '/' ? "/" : "") +
-                     ".fs_XXXXXX";
+  std::string name =
+      dir + (dir.empty() || dir.back() != '/' ? "/" : "") + ".fs_XXXXXX";
   int fd = mkstemp(&name[0]);
   if (fd < 0) throwSystemError("Unable to pick a name in " + dir, errno);
   close(fd);

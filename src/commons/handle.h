@@ -9,7 +9,6 @@
 
 #include "errors/exc.h"
 
-
 namespace tovel {
 
 // A null resource handed to an owner.

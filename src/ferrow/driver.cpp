@@ -19,8 +19,8 @@
 #include "ferrow/options.h"
 #include "log/debug_log.h"
 #include "log/run_log.h"
-#include "transport/host_key_check.h"
 #include "log/start_stop_logger.h"
+#include "transport/host_key_check.h"
 #include "transport/libssh2_errors.h"
 #include "transport/socket.h"
 #include "transport/ssh_transfer.h"
@@ -52,9 +52,8 @@ int runAction(CommandLine& cfg) {
   std::unique_ptr<Action> action = getActionById(cfg);
   // A person at a terminal gets a progress line; the panel reads standard
   // error through a pipe and sees the usual output only.
-  TerminalProgressController progress(cfg.action == kGetContent &&
-                                      !cfg.verbose &&
-                                      standardErrorIsTerminal());
+  TerminalProgressController progress(
+      cfg.action == kGetContent && !cfg.verbose && standardErrorIsTerminal());
   action->execute();
   theLog->setSuccess(true);
   return 0;

@@ -15,9 +15,9 @@
 #include <string>
 
 #include "actions/action.h"
-#include "ferrow/command_line.h"
 #include "errors/ex_traceable.h"
 #include "errors/exc.h"
+#include "ferrow/command_line.h"
 
 namespace tovel {
 

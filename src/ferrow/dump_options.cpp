@@ -97,22 +97,26 @@ void parseSelectedObjectsFile(const std::string& file,
   if (filter == "only-phosting") selection.only = ObjectFilter::kHostingOnly;
 
   std::string level = attribute(document, "/*/parameters/@compression-level");
-  if (level == "do-not-compress") selection.compression = Compression::kNoCompression;
+  if (level == "do-not-compress")
+    selection.compression = Compression::kNoCompression;
   if (level == "standard") selection.compression = Compression::kStandard;
 }
 
-void getSelectedObjectsFromConfig(const CommandLine& cfg, DumpSelection& selection) {
+void getSelectedObjectsFromConfig(const CommandLine& cfg,
+                                  DumpSelection& selection) {
   appendList(cfg.domains, selection.domains);
   appendList(cfg.clients, selection.clients);
   appendList(cfg.resellers, selection.resellers);
   if (cfg.only != ObjectFilter::kAll) selection.only = cfg.only;
-  if (cfg.compression != Compression::kUnset) selection.compression = cfg.compression;
+  if (cfg.compression != Compression::kUnset)
+    selection.compression = cfg.compression;
   selection.server = cfg.server;
   selection.adminInfo = cfg.adminInfo;
   selection.noLicense = cfg.noLicense;
 }
 
-void prepareDumpOptions(const CommandLine& cfg, std::vector<std::string>& arguments,
+void prepareDumpOptions(const CommandLine& cfg,
+                        std::vector<std::string>& arguments,
                         std::string& standardInputText) {
   DumpSelection selection;
   if (!cfg.selectedObjectsFile.empty()) {
@@ -124,16 +128,20 @@ void prepareDumpOptions(const CommandLine& cfg, std::vector<std::string>& argume
   passList(selection.clients, "--dump-clients=-", arguments, standardInputText);
   passList(selection.resellers, "--dump-resellers=-", arguments,
            standardInputText);
-  if (selection.only == ObjectFilter::kMailOnly) arguments.push_back("--only-mail");
-  if (selection.only == ObjectFilter::kHostingOnly) arguments.push_back("--only-hosting");
-  if (selection.compression == Compression::kNoCompression) arguments.push_back("--no-compress");
+  if (selection.only == ObjectFilter::kMailOnly)
+    arguments.push_back("--only-mail");
+  if (selection.only == ObjectFilter::kHostingOnly)
+    arguments.push_back("--only-hosting");
+  if (selection.compression == Compression::kNoCompression)
+    arguments.push_back("--no-compress");
   arguments.push_back("--include-app-distrib");
   if (selection.server) arguments.push_back("--server");
   if (selection.adminInfo) arguments.push_back("--admin-info");
   if (selection.noLicense) arguments.push_back("--no-license");
 }
 
-void buildDumpArguments(const CommandLine& cfg, std::vector<std::string>& arguments,
+void buildDumpArguments(const CommandLine& cfg,
+                        std::vector<std::string>& arguments,
                         std::string& standardInputText) {
   if (cfg.contentTransport == "rsync") {
     // The password goes only to the agent's input, never on a command line

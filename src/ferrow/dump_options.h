@@ -37,13 +37,15 @@ void parseSelectedObjectsFile(const std::string& file,
 // Merges cfg into selection: non-empty lists of cfg are appended; only and
 // compression are replaced when cfg's are set; server, adminInfo and
 // noLicense are always replaced, so the command line overrides the file.
-void getSelectedObjectsFromConfig(const CommandLine& cfg, DumpSelection& selection);
+void getSelectedObjectsFromConfig(const CommandLine& cfg,
+                                  DumpSelection& selection);
 
 // For "--dump-selected": reads cfg.selectedObjectsFile (when given), merges
 // cfg and appends the agent's arguments to `arguments` and each non-empty
 // list plus "\n" to `standardInputText`. Throws as
 // parseSelectedObjectsFile.
-void prepareDumpOptions(const CommandLine& cfg, std::vector<std::string>& arguments,
+void prepareDumpOptions(const CommandLine& cfg,
+                        std::vector<std::string>& arguments,
                         std::string& standardInputText);
 
 // The whole dump argument list and standard-input text for the actions
@@ -51,7 +53,8 @@ void prepareDumpOptions(const CommandLine& cfg, std::vector<std::string>& argume
 // rsync connection lines and "--content-transport=rsync" when that
 // transport was chosen, "--migration-mode", then "--dump-all" alone or the
 // selection of prepareDumpOptions. Throws as prepareDumpOptions.
-void buildDumpArguments(const CommandLine& cfg, std::vector<std::string>& arguments,
+void buildDumpArguments(const CommandLine& cfg,
+                        std::vector<std::string>& arguments,
                         std::string& standardInputText);
 
 }  // namespace tovel

@@ -7,8 +7,8 @@
 
 #include <string>
 
-#include "ferrow/command_line.h"
 #include "errors/exc.h"
+#include "ferrow/command_line.h"
 
 namespace tovel {
 

@@ -51,8 +51,7 @@ void reportUnsavedRecord(const std::string& text) {
 }  // namespace
 
 XmlLog::XmlLog(const std::string& logName)
-    : fileName_(recordName(logName)),
-      owner_(theSession->getDocumentOwner()) {
+    : fileName_(recordName(logName)), owner_(theSession->getDocumentOwner()) {
   initNewDoc("execution-result");
   current_ = getRoot();
   hasError_.push_back(true);

@@ -2,7 +2,6 @@
 
 #include <log4cpp/Category.hh>
 
-
 namespace tovel {
 namespace libssh2pp {
 namespace {

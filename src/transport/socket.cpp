@@ -10,7 +10,6 @@
 #include <log4cpp/Category.hh>
 #include <stdexcept>
 
-
 namespace tovel {
 namespace {
 

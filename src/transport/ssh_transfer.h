@@ -12,10 +12,10 @@
 
 #include "commons/stream_read_error.h"
 #include "errors/exc.h"
-#include "transport/socket.h"
 #include "transport/alarm.h"
 #include "transport/host_key_check.h"
 #include "transport/session.h"
+#include "transport/socket.h"
 
 namespace tovel {
 

@@ -61,8 +61,7 @@ class tXmlDocument {
   // temporary file can be created, tError_SaveFile names target with the
   // cause inside. A temporary file that was written is left behind when a
   // later step fails.
-  void saveToFileAtomically(const std::string& target,
-                            const AccountIds& owner);
+  void saveToFileAtomically(const std::string& target, const AccountIds& owner);
 
   // The libxml2 document, still owned by this object; null when none.
   xmlDocPtr getDoc() const { return doc_.get(); }

@@ -10,7 +10,6 @@
 
 #include "errors/exc.h"
 
-
 namespace tovel {
 
 // What a failed libxml2/libxslt call raises, and contract checks.

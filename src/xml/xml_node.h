@@ -7,7 +7,6 @@
 #include <string>
 
 #include "commons/accounts.h"
-
 #include "errors/exc.h"
 
 namespace tovel {

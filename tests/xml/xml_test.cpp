@@ -116,8 +116,8 @@ TEST(AtomicSaveTest, FailuresNameTheFilesAndKeepTheTarget) {
   getrlimit(RLIMIT_FSIZE, &saved);
   signal(SIGXFSZ, SIG_IGN);
   ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &small));
-  std::string message =
-      messageOf<&tError_SaveFile>([&] { doc.saveToFileAtomically(target, {}); });
+  std::string message = messageOf<&tError_SaveFile>(
+      [&] { doc.saveToFileAtomically(target, {}); });
   setrlimit(RLIMIT_FSIZE, &saved);
   EXPECT_THAT(message, HasSubstr("'" + target));
   EXPECT_EQ("<host>h\xC3\xA9&lt;&amp;&gt;</host>", bodyOf(readFile(target)));
