@@ -3,8 +3,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include "agents/agent_spec.h"
-#include "errors/tags.h"
+#include "agents/agent.h"
 #include "fuzz_support.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

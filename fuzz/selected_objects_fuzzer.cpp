@@ -22,9 +22,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   } catch (const tovel::ExTraceable&) {
     return 0;
   }
-  ferrow_fuzz::check(selection.only >= 0 && selection.only <= 2,
-                     "unknown filter");
-  ferrow_fuzz::check(selection.compression >= 0 && selection.compression <= 2,
+  int only = static_cast<int>(selection.only);
+  int compression = static_cast<int>(selection.compression);
+  ferrow_fuzz::check(only >= 0 && only <= 2, "unknown filter");
+  ferrow_fuzz::check(compression >= 0 && compression <= 2,
                      "unknown compression");
   return 0;
 }

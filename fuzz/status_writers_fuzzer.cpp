@@ -13,9 +13,9 @@
 #include <string>
 #include <vector>
 
+#include "commons/free_space.h"
 #include "commons/host_log.h"
 #include "commons/session_files.h"
-#include "errors/tags.h"
 #include "fuzz_support.h"
 #include "log/run_log.h"
 #include "xml/migration_status.h"

@@ -8,7 +8,6 @@
 
 #include "commons/capped_output.h"
 #include "commons/product_paths.h"
-#include "errors/tags.h"
 #include "log/debug_log.h"
 
 namespace tovel {

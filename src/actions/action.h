@@ -12,11 +12,16 @@
 
 #include "actions/agent_commands.h"
 #include "commons/config.h"
+#include "errors/exc.h"
 #include "transport/periodic.h"
 #include "transport/ssh_transfer.h"
 #include "xml/migration_status.h"
 
 namespace tovel {
+
+// Root commands through sudo cannot run.
+TOVEL_DECLARE_TAG(SudoNotFound)
+TOVEL_DECLARE_TAG(SudoNotAllowed)
 
 // Where an action may report a result beyond its files; reserved for
 // callers that embed actions.
@@ -85,5 +90,12 @@ class Action {
 };
 
 }  // namespace tovel
+
+TOVEL_EXC_TRAITS(
+    &tovel::SudoNotFound, "SudoNotFound",
+    "sudo command not found on the host %1%. You should install sudo to this "
+    "host or supply root password for the migration.");
+TOVEL_EXC_TRAITS(&tovel::SudoNotAllowed, "SudoNotAllowed",
+                 "sudo is not allowed for user %1% on host %2%.");
 
 #endif  // FERROW_ACTIONS_ACTION_H_

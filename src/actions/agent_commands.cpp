@@ -1,6 +1,6 @@
 #include "actions/agent_commands.h"
 
-#include "agents/agent_spec.h"
+#include "agents/agent.h"
 #include "commons/args_builder.h"
 #include "commons/product_paths.h"
 #include "commons/sh_quote.h"

@@ -3,7 +3,6 @@
 #include <iostream>
 #include <log4cpp/Category.hh>
 
-#include "errors/tags.h"
 
 namespace tovel {
 

@@ -2,8 +2,12 @@
 #define FERROW_ACTIONS_GET_DUMPING_STATUS_ACTION_H_
 
 #include "actions/action.h"
+#include "errors/exc.h"
 
 namespace tovel {
+
+// The dumping status cannot be fetched.
+TOVEL_DECLARE_TAG(DumpStatusError)
 
 // "--get-dumping-status": copies AGENT_DIR/dumping-status.xml from the
 // source host to standard output byte for byte, so that the caller can
@@ -18,5 +22,8 @@ class GetDumpingStatusAction : public Action {
 };
 
 }  // namespace tovel
+
+TOVEL_EXC_TRAITS(&tovel::DumpStatusError, "DumpStatusError",
+                 "Error during getting dumping status");
 
 #endif  // FERROW_ACTIONS_GET_DUMPING_STATUS_ACTION_H_

@@ -9,14 +9,13 @@
 #include <log4cpp/Category.hh>
 #include <memory>
 
-#include "agents/agent_spec.h"
+#include "agents/agents_factory.h"
 #include "commons/accounts.h"
 #include "commons/capped_output.h"
 #include "commons/checksum.h"
-#include "commons/disk_space.h"
+#include "commons/free_space.h"
 #include "commons/make_dir.h"
 #include "commons/session_files.h"
-#include "errors/tags.h"
 #include "log/debug_log.h"
 #include "log/run_log.h"
 

@@ -11,10 +11,19 @@
 
 #include "actions/action.h"
 #include "actions/file_retrieval_progress_updater.h"
+#include "actions/retrieval_errors.h"
 #include "commons/accounts.h"
+#include "errors/exc.h"
 #include "xml/agent_file_list.h"
 
 namespace tovel {
+
+// The list, one archive, its removal, the room for it, its sum.
+TOVEL_DECLARE_TAG(CantRetrieveContentList)
+TOVEL_DECLARE_TAG(CantRetrieveContentFile)
+TOVEL_DECLARE_TAG(UnableToRemoveRemoteFile)
+TOVEL_DECLARE_TAG(NotEnoughSpace)
+TOVEL_DECLARE_TAG(WrongMd5Sum)
 
 class RetrieveContentAction : public Action {
  public:
@@ -68,5 +77,18 @@ class RetrieveContentAction : public Action {
 };
 
 }  // namespace tovel
+
+TOVEL_EXC_TRAITS(&tovel::CantRetrieveContentList, "CantRetrieveContentList",
+                 "Error during content list retrieval: %1%");
+TOVEL_EXC_TRAITS(&tovel::CantRetrieveContentFile, "CantRetrieveContentFile",
+                 "Failed to retrieve file '%1%' from '%2%' to '%3%': %4%");
+TOVEL_EXC_TRAITS(&tovel::UnableToRemoveRemoteFile, "UnableToRemoveRemoteFile",
+                 "Unable to remove remote file '%1%' from '%2%': %3%");
+TOVEL_EXC_TRAITS(&tovel::NotEnoughSpace, "NotEnoughSpace",
+                 "Selected filesystem has only %1% free space, but %2% is "
+                 "needed for operation");
+TOVEL_EXC_TRAITS(&tovel::WrongMd5Sum, "WrongMd5Sum",
+                 "Problem during content retrieval: downloaded %1% has MD5 sum "
+                 "%2%, but it has to be %3%. Restarting download.");
 
 #endif  // FERROW_ACTIONS_RETRIEVE_CONTENT_ACTION_H_

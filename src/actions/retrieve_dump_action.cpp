@@ -6,10 +6,9 @@
 #include <sstream>
 
 #include "actions/dumping_status_pull.h"
-#include "agents/agent_spec.h"
+#include "agents/agents_factory.h"
 #include "commons/capped_output.h"
 #include "commons/session_files.h"
-#include "errors/tags.h"
 
 namespace tovel {
 namespace {

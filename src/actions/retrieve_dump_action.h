@@ -5,8 +5,13 @@
 #include <vector>
 
 #include "actions/action.h"
+#include "actions/retrieval_errors.h"
+#include "errors/exc.h"
 
 namespace tovel {
+
+// The agent failed while it dumped.
+TOVEL_DECLARE_TAG(CantRetrieveDumpFile)
 
 // "--dump-selected" and "--dump-all": runs the agent as root on the source
 // host with the dump arguments (and "--no-content" last when given), the
@@ -37,5 +42,9 @@ class RetrieveDumpAction : public Action {
 };
 
 }  // namespace tovel
+
+TOVEL_EXC_TRAITS(&tovel::CantRetrieveDumpFile, "CantRetrieveDumpFile",
+                 "Error during dump file retrieving. \nRemote agent failed "
+                 "with the following stderr messages: %1%");
 
 #endif  // FERROW_ACTIONS_RETRIEVE_DUMP_ACTION_H_

@@ -10,13 +10,12 @@
 #include <sstream>
 
 #include "actions/dir_walk.h"
-#include "agents/agent_spec.h"
+#include "agents/agents_factory.h"
 #include "commons/accounts.h"
 #include "commons/capped_output.h"
 #include "commons/local_file_error.h"
 #include "commons/product_paths.h"
 #include "commons/session_files.h"
-#include "errors/tags.h"
 
 namespace tovel {
 namespace fs = boost::filesystem;

@@ -4,8 +4,14 @@
 #include <boost/filesystem/path.hpp>
 
 #include "actions/action.h"
+#include "errors/exc.h"
 
 namespace tovel {
+
+// The remote directory cannot be made, or the copied agent does not
+// answer.
+TOVEL_DECLARE_TAG(CantCreateAgentDirectory)
+TOVEL_DECLARE_TAG(CantRequestAgentStatus)
 
 class Agent;
 
@@ -47,5 +53,20 @@ class SendAgentAction : public Action {
 };
 
 }  // namespace tovel
+
+// Local catalogue directories that are missing; at global scope, where
+// their callers name them.
+TOVEL_DECLARE_TAG(NoSharedAgentsDirectory)
+TOVEL_DECLARE_TAG(NoAgentDirectory)
+
+TOVEL_EXC_TRAITS(&tovel::CantCreateAgentDirectory, "CantCreateAgentDirectory",
+                 "Can't create agent directory %1% on the remote host: %2%");
+TOVEL_EXC_TRAITS(
+    &tovel::CantRequestAgentStatus, "CantRequestAgentStatus",
+    "Cannot request remote agent status using command line %1%: %2%");
+TOVEL_EXC_TRAITS(&::NoSharedAgentsDirectory, "NoSharedAgentsDirectory",
+                 "'shared' agents directory not found");
+TOVEL_EXC_TRAITS(&::NoAgentDirectory, "NoAgentDirectory",
+                 "Directory for agent '%1%' does not exist");
 
 #endif  // FERROW_ACTIONS_SEND_AGENT_ACTION_H_

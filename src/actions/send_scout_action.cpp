@@ -6,7 +6,6 @@
 #include "commons/capped_output.h"
 #include "commons/product_paths.h"
 #include "commons/session_files.h"
-#include "errors/tags.h"
 
 namespace tovel {
 

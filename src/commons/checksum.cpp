@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 
-#include "errors/tags.h"
+#include "commons/handle.h"
 
 namespace tovel {
 namespace {

@@ -9,6 +9,8 @@
 #include <memory>
 #include <string>
 
+#include "commons/stream_read_error.h"
+
 namespace tovel {
 
 // An MD5 sum built piece by piece, for data seen once as it passes by.

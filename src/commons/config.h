@@ -1,5 +1,6 @@
-// The parsed command line of one run. Filled by parse_options, checked by
-// verify_options, then read by the action; the driver owns it.
+// The configuration of one run that the actions read: where to connect,
+// how to log in, which agent, where the session and the dumps go. The
+// driver fills it from the command line and owns it for the whole run.
 #ifndef FERROW_COMMONS_CONFIG_H_
 #define FERROW_COMMONS_CONFIG_H_
 
@@ -7,28 +8,8 @@
 
 namespace tovel {
 
-// Action identifiers: the value of config::action.
-enum ActionId {
-  kNoAction = -1,
-  kManyActions = -2,
-  kSendScout = 0,
-  kDeployAgent = 1,
-  kGetDumpingStatus = 2,
-  kDumpSelected = 3,
-  kDumpAll = 4,
-  kGetContent = 5,
-  kRemoveAgent = 6,
-  kRemoveDumpingStatus = 7,
-  kHelp = 8,
-};
-
 struct config {
-  int action = kNoAction;
-  std::string resellers;
-  std::string clients;
-  std::string domains;
-  int noContent = 0;
-  int compression = 0;
+  bool noContent = false;  // the dump leaves the content archives out
   std::string host;
   int port = 0;  // 0: the default port 22; -1: an invalid value was given
   std::string login;
@@ -37,27 +18,16 @@ struct config {
   std::string agentName;
   std::string dumpsDir;
   std::string sessionPath;
-  std::string selectedObjectsFile;
   bool noCheckSpace = false;
   bool noEncryption = false;
   bool sudo = false;
   bool sudoPasswordProvided = false;
   std::string sudoPassword;
-  int verbose = 0;
-  int only = 0;  // 1 mail only, 2 hosting only
-  std::string contentTransport;
-  bool server = false;
-  bool adminInfo = false;
-  bool noLicense = false;
-  // --strict-host-key-checking ("yes", "accept-new" or "no") and
-  // --host-key-fingerprint ("SHA256:..."), as given; checked by
-  // verify_options.
+  // "yes", "accept-new" or "no", and "SHA256:..." or empty, as given on the
+  // command line and checked there.
   std::string strictHostKeyChecking = "accept-new";
   std::string hostKeyFingerprint;
 };
-
-// True for the ids 0 to 8.
-inline bool isAction(int id) { return id >= kSendScout && id <= kHelp; }
 
 }  // namespace tovel
 

@@ -49,7 +49,7 @@ const char* const theDyrConfNames[kDyrConfSlots] = {
     "_MAX_POSSIBLE_DYR_CONF_VAR_NAME",
 };
 
-const char* const theDyrConfDefauls[kDyrConfSlots] = {
+const char* const theDyrConfDefaults[kDyrConfSlots] = {
     "_MIN_POSSIBLE_DYR_CONF_VAR_VALUE",
     "/var/qmail/mailnames",
     "/",
@@ -294,7 +294,7 @@ const char* dyrConfGetByIndex(int i) {
 const char* dyrConfGetDefaultByIndex(int i) {
   const char* value = dyrConfGetByIndex(i);
   if (value) return value;
-  return i >= 0 && i < kDyrConfSlots ? theDyrConfDefauls[i] : nullptr;
+  return i >= 0 && i < kDyrConfSlots ? theDyrConfDefaults[i] : nullptr;
 }
 
 const char* dyrConfGetDefault(const char* name) {

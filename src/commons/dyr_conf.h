@@ -55,7 +55,7 @@ extern const char kDyrConfFile[];
 // Variable names, compile-time defaults and the cache of values found in
 // the file (null until looked up and found), indexed by DyrConfIndex.
 extern const char* const theDyrConfNames[kDyrConfSlots];
-extern const char* const theDyrConfDefauls[kDyrConfSlots];
+extern const char* const theDyrConfDefaults[kDyrConfSlots];
 extern const char* theDyrConfArray[kDyrConfSlots];
 
 struct conf_entry {

@@ -7,9 +7,12 @@
 #include <cstdlib>
 #include <utility>
 
-#include "errors/tags.h"
+#include "errors/exc.h"
 
 namespace tovel {
+
+// A null resource handed to an owner.
+TOVEL_DECLARE_TAG(InvalidHandle)
 
 // Refuses a null resource: throws InvalidHandle "Invalid handle passed".
 template <typename T>
@@ -57,5 +60,8 @@ class Handle {
 };
 
 }  // namespace tovel
+
+TOVEL_EXC_TRAITS(&tovel::InvalidHandle, "InvalidHandle",
+                 "Invalid handle passed");
 
 #endif  // FERROW_COMMONS_HANDLE_H_

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <memory>
 
-#include "errors/tags.h"
+#include "commons/handle.h"
 
 namespace tovel {
 namespace {

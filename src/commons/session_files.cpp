@@ -10,7 +10,6 @@
 #include "commons/accounts.h"
 #include "commons/host_log.h"
 #include "commons/product_paths.h"
-#include "errors/tags.h"
 
 namespace fs = boost::filesystem;
 
@@ -108,6 +107,10 @@ std::string SessionFiles::getCidFile(const std::string& name) const {
 
 std::string SessionFiles::getTovelDumpFileName() const {
   return path_ + "/restore.xml";
+}
+
+AccountIds SessionFiles::getDocumentOwner() const {
+  return lookupAccount(kPanelAccount);
 }
 
 void SessionFiles::remove() { fs::remove_all(path_); }

@@ -5,7 +5,13 @@
 
 #include <string>
 
+#include "commons/accounts.h"
+#include "errors/exc.h"
+
 namespace tovel {
+
+// The session directory is not there and cannot be made.
+TOVEL_DECLARE_TAG(UnableToCreateSession)
 
 class SessionFiles {
  public:
@@ -26,6 +32,11 @@ class SessionFiles {
   std::string getCidFilesDir() const;               // D itself
   std::string getCidFile(const std::string& name) const;  // D/name
   std::string getTovelDumpFileName() const;               // D/restore.xml
+
+  // The account that the documents saved in the directory are handed to,
+  // so that the panel's processes can read them: "dyradm", looked up at
+  // each call (see lookupAccount).
+  AccountIds getDocumentOwner() const;
 
   // Deletes the directory and everything under it. Throws
   // boost::filesystem::filesystem_error.
@@ -50,5 +61,8 @@ class SessionLifetimeController {
 };
 
 }  // namespace tovel
+
+TOVEL_EXC_TRAITS(&tovel::UnableToCreateSession, "UnableToCreateSession",
+                 "Unable to create session: %1%");
 
 #endif  // FERROW_COMMONS_SESSION_FILES_H_

@@ -8,7 +8,6 @@
 
 #include "commons/dyr_conf.h"
 #include "commons/product_paths.h"
-#include "errors/tags.h"
 
 namespace tovel {
 namespace {

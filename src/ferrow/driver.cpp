@@ -15,13 +15,15 @@
 #include "actions/terminal_progress.h"
 #include "commons/dyr_conf.h"
 #include "commons/session_files.h"
-#include "errors/tags.h"
 #include "ferrow/dump_options.h"
 #include "ferrow/options.h"
 #include "log/debug_log.h"
 #include "log/run_log.h"
-#include "transport/host_key_check.h"
 #include "log/start_stop_logger.h"
+#include "transport/host_key_check.h"
+#include "transport/libssh2_errors.h"
+#include "transport/socket.h"
+#include "transport/ssh_transfer.h"
 
 namespace tovel {
 namespace {
@@ -45,22 +47,21 @@ const ExitCodeRow kExitCodes[] = {
     {isA<&SshHostKeyVerificationFailed>, 19},
 };
 
-int runAction(config& cfg) {
+int runAction(CommandLine& cfg) {
   readStandardInputList(cfg, std::cin);
   std::unique_ptr<Action> action = getActionById(cfg);
   // A person at a terminal gets a progress line; the panel reads standard
   // error through a pipe and sees the usual output only.
-  TerminalProgressController progress(cfg.action == kGetContent &&
-                                      cfg.verbose == 0 &&
-                                      standardErrorIsTerminal());
+  TerminalProgressController progress(
+      cfg.action == kGetContent && !cfg.verbose && standardErrorIsTerminal());
   action->execute();
   theLog->setSuccess(true);
   return 0;
 }
 
-int runSession(int argc, char** argv, config& cfg) {
+int runSession(int argc, char** argv, CommandLine& cfg) {
   SessionLifetimeController session(cfg.sessionPath);
-  DebugLogLifetimeController debugLog(false, cfg.verbose != 0);
+  DebugLogLifetimeController debugLog(false, cfg.verbose);
   StartStopLogger startStop("Ferrow", argc, argv);
   try {
     verify_options(&cfg);
@@ -76,7 +77,7 @@ int runSession(int argc, char** argv, config& cfg) {
 
 }  // namespace
 
-void readStandardInputList(config& cfg, std::istream& in) {
+void readStandardInputList(CommandLine& cfg, std::istream& in) {
   for (std::string* list : {&cfg.resellers, &cfg.clients, &cfg.domains}) {
     if (*list != "-") continue;
     std::getline(in, *list);
@@ -98,7 +99,7 @@ int exitCodeFor(const ExTraceable& e) {
   return 2;
 }
 
-int do_actions(config& cfg) {
+int do_actions(CommandLine& cfg) {
   LogLifetimeController runRecord(getLogName(cfg));
   try {
     return runAction(cfg);
@@ -118,7 +119,7 @@ int do_actions(config& cfg) {
 int real_main(int argc, char** argv) {
   autoprepend();
   std::srand(static_cast<unsigned>(std::time(nullptr)));
-  config cfg;
+  CommandLine cfg;
   if (!parse_options(argc, argv, &cfg)) return 1;
   if (cfg.action == kHelp) {
     usage();
@@ -135,7 +136,7 @@ int real_main(int argc, char** argv) {
   return runSession(argc, argv, cfg);
 }
 
-Action* getActionByIdInternal(const config& cfg) {
+Action* getActionByIdInternal(const CommandLine& cfg) {
   switch (cfg.action) {
     case kSendScout:
       return new SendScoutAction();
@@ -161,13 +162,13 @@ Action* getActionByIdInternal(const config& cfg) {
   }
 }
 
-std::unique_ptr<Action> getActionById(const config& cfg) {
+std::unique_ptr<Action> getActionById(const CommandLine& cfg) {
   std::unique_ptr<Action> action(getActionByIdInternal(cfg));
   action->setConfig(&cfg);
   return action;
 }
 
-std::string getLogName(const config& cfg) {
+std::string getLogName(const CommandLine& cfg) {
   return cfg.action == kGetContent ? "transfer.result" : "";
 }
 

@@ -15,10 +15,14 @@
 #include <string>
 
 #include "actions/action.h"
-#include "commons/config.h"
 #include "errors/ex_traceable.h"
+#include "errors/exc.h"
+#include "ferrow/command_line.h"
 
 namespace tovel {
+
+// The factory was asked for an id that has no action.
+TOVEL_DECLARE_TAG(UnknownAction)
 
 // The whole run; returns the exit code. Throws only what escapes the
 // controllers (main catches it).
@@ -26,7 +30,7 @@ int real_main(int argc, char** argv);
 
 // Runs the action of cfg under the run record; returns its exit code.
 // Exceptions outside the ExTraceable family pass through.
-int do_actions(config& cfg);
+int do_actions(CommandLine& cfg);
 
 // The exit code of a failure of the family: 11 to 18 for the connection
 // failures listed above, also when an action wrapped one (the outermost
@@ -35,16 +39,20 @@ int exitCodeFor(const ExTraceable& e);
 
 // Replaces the first of cfg's resellers, clients and domains (in this
 // order) whose value is "-" by one line read from in; a later "-" is kept.
-void readStandardInputList(config& cfg, std::istream& in);
+void readStandardInputList(CommandLine& cfg, std::istream& in);
 
 // The action for cfg.action, configured with cfg (which must outlive it).
 // Throws Exc<&UnknownAction> for an id without an action.
-std::unique_ptr<Action> getActionById(const config& cfg);
-Action* getActionByIdInternal(const config& cfg);
+std::unique_ptr<Action> getActionById(const CommandLine& cfg);
+Action* getActionByIdInternal(const CommandLine& cfg);
 
 // "transfer.result" for "--get-content", else "" (the default record name).
-std::string getLogName(const config& cfg);
+std::string getLogName(const CommandLine& cfg);
 
 }  // namespace tovel
+
+TOVEL_EXC_TRAITS(&tovel::UnknownAction, "UnknownAction",
+                 "Unknown action passed to the function. Probably bug in the "
+                 "options parser");
 
 #endif  // FERROW_FERROW_DRIVER_H_

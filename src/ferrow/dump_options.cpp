@@ -93,26 +93,30 @@ void parseSelectedObjectsFile(const std::string& file,
 
   // The file spells hosting "only-phosting", unlike the option.
   std::string filter = attribute(document, "/*/parameters/@filter");
-  if (filter == "only-mail") selection.only = 1;
-  if (filter == "only-phosting") selection.only = 2;
+  if (filter == "only-mail") selection.only = ObjectFilter::kMailOnly;
+  if (filter == "only-phosting") selection.only = ObjectFilter::kHostingOnly;
 
   std::string level = attribute(document, "/*/parameters/@compression-level");
-  if (level == "do-not-compress") selection.compression = 2;
-  if (level == "standard") selection.compression = 1;
+  if (level == "do-not-compress")
+    selection.compression = Compression::kNoCompression;
+  if (level == "standard") selection.compression = Compression::kStandard;
 }
 
-void getSelectedObjectsFromConfig(const config& cfg, DumpSelection& selection) {
+void getSelectedObjectsFromConfig(const CommandLine& cfg,
+                                  DumpSelection& selection) {
   appendList(cfg.domains, selection.domains);
   appendList(cfg.clients, selection.clients);
   appendList(cfg.resellers, selection.resellers);
-  if (cfg.only != 0) selection.only = cfg.only;
-  if (cfg.compression != 0) selection.compression = cfg.compression;
+  if (cfg.only != ObjectFilter::kAll) selection.only = cfg.only;
+  if (cfg.compression != Compression::kUnset)
+    selection.compression = cfg.compression;
   selection.server = cfg.server;
   selection.adminInfo = cfg.adminInfo;
   selection.noLicense = cfg.noLicense;
 }
 
-void prepareDumpOptions(const config& cfg, std::vector<std::string>& arguments,
+void prepareDumpOptions(const CommandLine& cfg,
+                        std::vector<std::string>& arguments,
                         std::string& standardInputText) {
   DumpSelection selection;
   if (!cfg.selectedObjectsFile.empty()) {
@@ -124,16 +128,20 @@ void prepareDumpOptions(const config& cfg, std::vector<std::string>& arguments,
   passList(selection.clients, "--dump-clients=-", arguments, standardInputText);
   passList(selection.resellers, "--dump-resellers=-", arguments,
            standardInputText);
-  if (selection.only == 1) arguments.push_back("--only-mail");
-  if (selection.only == 2) arguments.push_back("--only-hosting");
-  if (selection.compression == 2) arguments.push_back("--no-compress");
+  if (selection.only == ObjectFilter::kMailOnly)
+    arguments.push_back("--only-mail");
+  if (selection.only == ObjectFilter::kHostingOnly)
+    arguments.push_back("--only-hosting");
+  if (selection.compression == Compression::kNoCompression)
+    arguments.push_back("--no-compress");
   arguments.push_back("--include-app-distrib");
   if (selection.server) arguments.push_back("--server");
   if (selection.adminInfo) arguments.push_back("--admin-info");
   if (selection.noLicense) arguments.push_back("--no-license");
 }
 
-void buildDumpArguments(const config& cfg, std::vector<std::string>& arguments,
+void buildDumpArguments(const CommandLine& cfg,
+                        std::vector<std::string>& arguments,
                         std::string& standardInputText) {
   if (cfg.contentTransport == "rsync") {
     // The password goes only to the agent's input, never on a command line

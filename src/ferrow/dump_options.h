@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "commons/config.h"
+#include "ferrow/command_line.h"
 
 namespace tovel {
 
@@ -17,8 +17,8 @@ struct DumpSelection {
   std::string domains;
   std::string clients;
   std::string resellers;
-  int only = 0;         // 0 everything, 1 mail only, 2 hosting only
-  int compression = 0;  // 0 unset, 1 standard, 2 no compression
+  ObjectFilter only = ObjectFilter::kAll;
+  Compression compression = Compression::kUnset;
   bool server = false;
   bool adminInfo = false;
   bool noLicense = false;
@@ -35,15 +35,17 @@ void parseSelectedObjectsFile(const std::string& file,
                               DumpSelection& selection);
 
 // Merges cfg into selection: non-empty lists of cfg are appended; only and
-// compression are replaced when cfg's are non-zero; server, adminInfo and
+// compression are replaced when cfg's are set; server, adminInfo and
 // noLicense are always replaced, so the command line overrides the file.
-void getSelectedObjectsFromConfig(const config& cfg, DumpSelection& selection);
+void getSelectedObjectsFromConfig(const CommandLine& cfg,
+                                  DumpSelection& selection);
 
 // For "--dump-selected": reads cfg.selectedObjectsFile (when given), merges
 // cfg and appends the agent's arguments to `arguments` and each non-empty
 // list plus "\n" to `standardInputText`. Throws as
 // parseSelectedObjectsFile.
-void prepareDumpOptions(const config& cfg, std::vector<std::string>& arguments,
+void prepareDumpOptions(const CommandLine& cfg,
+                        std::vector<std::string>& arguments,
                         std::string& standardInputText);
 
 // The whole dump argument list and standard-input text for the actions
@@ -51,7 +53,8 @@ void prepareDumpOptions(const config& cfg, std::vector<std::string>& arguments,
 // rsync connection lines and "--content-transport=rsync" when that
 // transport was chosen, "--migration-mode", then "--dump-all" alone or the
 // selection of prepareDumpOptions. Throws as prepareDumpOptions.
-void buildDumpArguments(const config& cfg, std::vector<std::string>& arguments,
+void buildDumpArguments(const CommandLine& cfg,
+                        std::vector<std::string>& arguments,
                         std::string& standardInputText);
 
 }  // namespace tovel

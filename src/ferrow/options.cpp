@@ -9,7 +9,6 @@
 
 #include "commons/secrets.h"
 #include "errors/exc.h"
-#include "errors/tags.h"
 #include "transport/host_key_check.h"
 
 namespace tovel {
@@ -134,7 +133,7 @@ struct EnvPassword {
 // A second action option does not replace the first: the run is refused.
 // Help is the exception: asked for anywhere on the line, it wins, so that
 // "--help" always answers with the usage text.
-void setAction(int id, config* cfg) {
+void setAction(ActionId id, CommandLine* cfg) {
   if (id == kHelp || cfg->action == kHelp) {
     cfg->action = kHelp;
   } else {
@@ -149,7 +148,7 @@ int parsePort(const char* value) {
   return static_cast<int>(port);
 }
 
-void readSudoPassword(config* cfg) {
+void readSudoPassword(CommandLine* cfg) {
   cfg->sudo = true;
   if (is_sudo_password_provided()) {
     cfg->sudoPasswordProvided = true;
@@ -158,7 +157,7 @@ void readSudoPassword(config* cfg) {
 }
 
 // The field a string option overwrites, or null for other options.
-std::string* stringField(int code, config* cfg) {
+std::string* stringField(int code, CommandLine* cfg) {
   switch (code) {
     case kIpCode:
     case kHostCode:
@@ -194,13 +193,13 @@ std::string* stringField(int code, config* cfg) {
 
 // Sets the switch an option without value stands for; other codes the
 // scanner may return are ignored.
-void setFlag(int code, config* cfg) {
+void setFlag(int code, CommandLine* cfg) {
   switch (code) {
     case kNoContentCode:
-      cfg->noContent = 1;
+      cfg->noContent = true;
       break;
     case kNoCompressCode:
-      cfg->compression = 2;
+      cfg->compression = Compression::kNoCompression;
       break;
     case kNoCheckSpaceCode:
       cfg->noCheckSpace = true;
@@ -209,13 +208,13 @@ void setFlag(int code, config* cfg) {
       cfg->noEncryption = true;
       break;
     case kVerboseCode:
-      cfg->verbose = 1;
+      cfg->verbose = true;
       break;
     case kOnlyMailCode:
-      cfg->only = 1;
+      cfg->only = ObjectFilter::kMailOnly;
       break;
     case kOnlyHostingCode:
-      cfg->only = 2;
+      cfg->only = ObjectFilter::kHostingOnly;
       break;
     case kServerCode:
       cfg->server = true;
@@ -231,10 +230,10 @@ void setFlag(int code, config* cfg) {
   }
 }
 
-void applyOption(int code, const char* value, config* cfg) {
+void applyOption(int code, const char* value, CommandLine* cfg) {
   if (code == 'h') code = kActionCode + kHelp;
   if (code >= kActionCode && isAction(code - kActionCode)) {
-    setAction(code - kActionCode, cfg);
+    setAction(static_cast<ActionId>(code - kActionCode), cfg);
   } else if (std::string* field = stringField(code, cfg)) {
     *field = value;
   } else if (code == kPortCode) {
@@ -247,7 +246,7 @@ void applyOption(int code, const char* value, config* cfg) {
 }
 
 // Remote-host options make no sense for an action that never connects.
-void verifyOfflineAction(const config& cfg) {
+void verifyOfflineAction(const CommandLine& cfg) {
   if (!cfg.host.empty()) invalid_option("host");
   if (cfg.port != 0) invalid_option("port");
   if (!cfg.login.empty()) invalid_option("login");
@@ -261,7 +260,7 @@ void verifyOfflineAction(const config& cfg) {
   }
 }
 
-void verifyConnection(const config& cfg) {
+void verifyConnection(const CommandLine& cfg) {
   if (cfg.host.empty()) req_action_argument_missed("host");
   if (cfg.port == -1) {
     TOVEL_THROW(::OptParsingError) %
@@ -288,7 +287,7 @@ void verifyConnection(const config& cfg) {
 }
 
 // The scout goes before any agent is chosen; every later step works with one.
-void verifyAgent(const config& cfg) {
+void verifyAgent(const CommandLine& cfg) {
   if (cfg.action == kSendScout) {
     if (!cfg.agentDir.empty()) invalid_option("agent directory");
     if (!cfg.agentName.empty()) invalid_option("agent name");
@@ -300,7 +299,7 @@ void verifyAgent(const config& cfg) {
 
 }  // namespace
 
-bool parse_options(int argc, char** argv, config* cfg) {
+bool parse_options(int argc, char** argv, CommandLine* cfg) {
   // With glibc, 0 (not 1) also resets the scanner's internal state, which a
   // previous call may have left in the middle of an argument.
   optind = 0;
@@ -317,7 +316,7 @@ bool parse_options(int argc, char** argv, config* cfg) {
   return true;
 }
 
-void verify_options(config* cfg) {
+void verify_options(CommandLine* cfg) {
   if (cfg->action == kNoAction) {
     TOVEL_THROW(::OptParsingError) % "No action given";
   }

@@ -1,5 +1,5 @@
 // The command line and the two password variables of the environment
-// (DYR_PASSWORD, DYR_SUDO_PASSWORD) turned into a config record, and the
+// (DYR_PASSWORD, DYR_SUDO_PASSWORD) turned into a CommandLine, and the
 // rules on which options may and must go with the chosen action. Parsing and
 // checking are separate: the driver checks only once the session is set up.
 #ifndef FERROW_FERROW_OPTIONS_H_
@@ -7,7 +7,8 @@
 
 #include <string>
 
-#include "commons/config.h"
+#include "errors/exc.h"
+#include "ferrow/command_line.h"
 
 namespace tovel {
 
@@ -19,11 +20,11 @@ namespace tovel {
 // environment (see get_env_noncrypted_password). May be called any number of
 // times in a process: the scanner is reinitialised each time, and argv may
 // be permuted by it. Throws nothing.
-bool parse_options(int argc, char** argv, config* cfg);
+bool parse_options(int argc, char** argv, CommandLine* cfg);
 
 // Throws Exc<&::OptParsingError> for the first rule *cfg breaks; returns
 // normally when the options fit the chosen action.
-void verify_options(config* cfg);
+void verify_options(CommandLine* cfg);
 
 // Writes usageText() to standard output.
 void usage();
@@ -64,5 +65,12 @@ void resetEnvPasswordForTesting();
 [[noreturn]] void no_action_option(const char* option, const char* action);
 
 }  // namespace tovel
+
+// A command line that breaks a rule; at global scope, where its callers
+// name it.
+TOVEL_DECLARE_TAG(OptParsingError)
+
+TOVEL_EXC_TRAITS(&::OptParsingError, "OptParsingError",
+                 "Unable to parse command line: %1%");
 
 #endif  // FERROW_FERROW_OPTIONS_H_

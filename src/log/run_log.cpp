@@ -9,10 +9,10 @@
 
 #include "commons/host_log.h"
 #include "commons/session_files.h"
-#include "errors/tags.h"
 #include "errors/text_msg_formatter.h"
 #include "log/debug_log.h"
 #include "xml/xml_msg_formatter.h"
+#include "xml/xml_node.h"
 
 namespace tovel {
 
@@ -50,7 +50,8 @@ void reportUnsavedRecord(const std::string& text) {
 
 }  // namespace
 
-XmlLog::XmlLog(const std::string& logName) : fileName_(recordName(logName)) {
+XmlLog::XmlLog(const std::string& logName)
+    : fileName_(recordName(logName)), owner_(theSession->getDocumentOwner()) {
   initNewDoc("execution-result");
   current_ = getRoot();
   hasError_.push_back(true);
@@ -60,7 +61,7 @@ XmlLog::XmlLog(const std::string& logName) : fileName_(recordName(logName)) {
 XmlLog::~XmlLog() {
   try {
     addAttribute(getRoot(), "status", success_ ? "success" : "error");
-    saveToFileAtomically(fileName_);
+    saveToFileAtomically(fileName_, owner_);
   } catch (const ExTraceable& e) {
     reportUnsavedRecord("Unable to save the run record: " +
                         formatPlainTextMessage(e));

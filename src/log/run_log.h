@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "commons/accounts.h"
 #include "errors/ex_traceable.h"
 #include "xml/xml_document.h"
 
@@ -34,7 +35,8 @@ class Log {
 class XmlLog : public Log, public tXmlQvtDocument {
  public:
   // The record goes to the session's "migration.result" when logName is
-  // empty, else to the session directory + "/" + logName. An existing file
+  // empty, else to the session directory + "/" + logName, and is handed to
+  // the session's document owner. An existing file
   // of that name is first renamed to the first free name among
   // name.1, name.2, ... Throws what the XML layer throws.
   explicit XmlLog(const std::string& logName);
@@ -53,6 +55,7 @@ class XmlLog : public Log, public tXmlQvtDocument {
  private:
   bool success_ = false;
   std::string fileName_;
+  AccountIds owner_;
   xmlNodePtr current_ = nullptr;
   std::vector<bool> hasError_;
 };

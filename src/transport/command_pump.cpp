@@ -10,7 +10,6 @@
 #include <string>
 
 #include "commons/termination.h"
-#include "errors/tags.h"
 #include "transport/libssh2_errors.h"
 
 namespace tovel {

@@ -9,12 +9,16 @@
 #include <vector>
 
 #include "commons/secrets.h"
+#include "errors/exc.h"
 #include "transport/channel.h"
 #include "transport/periodic.h"
 #include "transport/session.h"
 #include "transport/ssh_transfer.h"
 
 namespace tovel {
+
+// The end of the remote command's input cannot be signalled.
+TOVEL_DECLARE_TAG(UnableToSendEof)
 
 struct CommandStreams {
   std::istream& in;
@@ -82,5 +86,8 @@ class CommandPump {
 };
 
 }  // namespace tovel
+
+TOVEL_EXC_TRAITS(&tovel::UnableToSendEof, "UnableToSendEof",
+                 "Unable to send EOF to SSH channel: %1%");
 
 #endif  // FERROW_TRANSPORT_COMMAND_PUMP_H_

@@ -4,7 +4,7 @@
 
 #include <log4cpp/Category.hh>
 
-#include "errors/tags.h"
+#include "commons/handle.h"
 #include "transport/known_hosts_file.h"
 
 namespace tovel {

@@ -2,8 +2,6 @@
 
 #include <log4cpp/Category.hh>
 
-#include "errors/tags.h"
-
 namespace tovel {
 namespace libssh2pp {
 namespace {

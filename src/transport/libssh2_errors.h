@@ -7,7 +7,13 @@
 
 #include <string>
 
+#include "errors/exc.h"
+
 namespace tovel {
+
+// The connection to the remote host is gone.
+TOVEL_DECLARE_TAG(SshConnectionFault)
+
 namespace libssh2pp {
 
 // Calls libssh2_init once per process (libssh2_exit runs at exit).
@@ -27,5 +33,8 @@ bool isConnectionLoss(int rc);
 
 }  // namespace libssh2pp
 }  // namespace tovel
+
+TOVEL_EXC_TRAITS(&tovel::SshConnectionFault, "SshConnectionFault",
+                 "Lost connection with the remote host");
 
 #endif  // FERROW_TRANSPORT_LIBSSH2_ERRORS_H_

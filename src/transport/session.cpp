@@ -8,9 +8,8 @@
 #include <chrono>
 #include <log4cpp/Category.hh>
 
-#include "errors/tags.h"
-#include "transport/signal_guard.h"
 #include "transport/libssh2_errors.h"
+#include "transport/signal_guard.h"
 
 namespace tovel {
 namespace libssh2pp {

@@ -10,10 +10,16 @@
 #include <vector>
 
 #include "commons/handle.h"
+#include "errors/exc.h"
 #include "transport/channel.h"
 #include "transport/signal_guard.h"
 
 namespace tovel {
+
+// The SSH handshake or the authentication failed.
+TOVEL_DECLARE_TAG(UnableToStartSshSession)
+TOVEL_DECLARE_TAG(SshAuthorizationFailed)
+
 namespace libssh2pp {
 
 struct SessionFree {
@@ -113,5 +119,10 @@ class Session : public Handle<LIBSSH2_SESSION*, SessionFree> {
 
 }  // namespace libssh2pp
 }  // namespace tovel
+
+TOVEL_EXC_TRAITS(&tovel::UnableToStartSshSession, "UnableToStartSshSession",
+                 "Unable to start SSH session: %1%");
+TOVEL_EXC_TRAITS(&tovel::SshAuthorizationFailed, "SshAuthorizationFailed",
+                 "No suitable username/password found");
 
 #endif  // FERROW_TRANSPORT_SESSION_H_

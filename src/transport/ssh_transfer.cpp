@@ -10,7 +10,6 @@
 
 #include "commons/sh_quote.h"
 #include "errors/ex_traceable.h"
-#include "errors/tags.h"
 #include "transport/command_pump.h"
 #include "transport/receiving_file.h"
 

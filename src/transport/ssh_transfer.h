@@ -10,12 +10,19 @@
 #include <memory>
 #include <string>
 
-#include "commons/socket.h"
+#include "commons/stream_read_error.h"
+#include "errors/exc.h"
 #include "transport/host_key_check.h"
 #include "transport/periodic.h"
 #include "transport/session.h"
+#include "transport/socket.h"
 
 namespace tovel {
+
+// The server refused the login and password; a local stream cannot
+// take what the remote side sends.
+TOVEL_DECLARE_TAG(SshInvalidCredentials)
+TOVEL_DECLARE_TAG(StreamWrite)
 
 class Ssh {
  public:
@@ -116,5 +123,11 @@ class Ssh {
 };
 
 }  // namespace tovel
+
+TOVEL_EXC_TRAITS(&tovel::SshInvalidCredentials, "SshInvalidCredentials",
+                 "Unable to connect to host %1%: you have specified incorrect "
+                 "username or password");
+TOVEL_EXC_TRAITS(&tovel::StreamWrite, "StreamWrite",
+                 "Cannot write data to the stream");
 
 #endif  // FERROW_TRANSPORT_SSH_TRANSFER_H_

@@ -88,7 +88,8 @@ void XmlMigrationStatus::saveFile() {
   clearRoot();
   buildContent();
   TOVEL_XML_ASSERT(theSession != NULL);
-  saveToFileAtomically(theSession->getStatusFileName());
+  saveToFileAtomically(theSession->getStatusFileName(),
+                       theSession->getDocumentOwner());
 }
 
 // Only the children go: the deploy phase's root attributes stay, with their

@@ -47,8 +47,8 @@ class MigrationStatus {
   virtual void setCurrentObject(const std::string& name, objectType type) = 0;
   // Shows "translate".
   virtual void setTranslate() = 0;
-  // Rewrites the status file of theSession atomically. Throws the document
-  // layer's save errors.
+  // Rewrites the status file of theSession atomically, handed to the
+  // session's document owner. Throws the document layer's save errors.
   virtual void saveFile() = 0;
 };
 

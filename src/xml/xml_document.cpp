@@ -14,7 +14,6 @@
 #include <cstring>
 #include <vector>
 
-#include "commons/accounts.h"
 #include "commons/temp_files.h"
 #include "xml/xml_errors.h"
 #include "xml/xml_text.h"
@@ -25,7 +24,7 @@ namespace {
 
 const char kMemoryDocumentName[] = "in-memory buffer";
 
-// Status documents are read by the panel through the group of "dyradm".
+// Saved documents are read through the group of the owner they are given.
 const mode_t kSavedFileMode = 0640;
 
 struct XmlCharFree {
@@ -109,10 +108,9 @@ void writeDocument(xmlDocPtr doc, OpenFile& file) {
   }
 }
 
-// Gives the file to "dyradm" so that the panel's processes can read it.
-void handToPanel(OpenFile& file) {
-  AccountIds ids = lookupAccount(kPanelAccount);
-  if (fchown(file.fd(), ids.uid, ids.gid) != 0 ||
+// Gives the file to owner so that the processes of its group can read it.
+void handTo(const AccountIds& owner, OpenFile& file) {
+  if (fchown(file.fd(), owner.uid, owner.gid) != 0 ||
       fchmod(file.fd(), kSavedFileMode) != 0) {
     int err = errno;
     TOVEL_THROW(CantTakeFileOwnership) % file.name() % strerror(err);
@@ -235,13 +233,14 @@ std::string tXmlDocument::saveToString() const {
       static_cast<size_t>(xmlBufferLength(buffer.get())));
 }
 
-void tXmlDocument::saveToFileAtomically(const std::string& target) {
+void tXmlDocument::saveToFileAtomically(const std::string& target,
+                                        const AccountIds& owner) {
   std::unique_ptr<OpenFile> temporary = createTemporaryFor(target);
   // No fsync: readers are protected by the rename alone, and the progress
   // document is rewritten after every chunk of a transfer, where a sync
   // each time would cost more than the transfer itself.
   writeDocument(getDoc(), *temporary);
-  handToPanel(*temporary);
+  handTo(owner, *temporary);
   if (!temporary->close()) {
     int err = errno;
     TOVEL_THROW_LIBXML(LibxmlFailure::kSave, temporary->name().c_str(),

@@ -9,7 +9,20 @@
 #include <memory>
 #include <string>
 
+#include "commons/accounts.h"
+#include "errors/exc.h"
+#include "xml/xml_errors.h"
+
 namespace tovel {
+
+// Reading a document, checking its shape and replacing a file with it.
+TOVEL_DECLARE_TAG(tError_WrongInputFile)
+TOVEL_DECLARE_TAG(tError_EmptyDoc)
+TOVEL_DECLARE_TAG(tError_WrongDoc)
+TOVEL_DECLARE_TAG(tError_WrongContent)
+TOVEL_DECLARE_TAG(NoSuchAttribute)
+TOVEL_DECLARE_TAG(CantTakeFileOwnership)
+TOVEL_DECLARE_TAG(CantRenameFile)
 
 // Owns one libxml2 document through a shared holder: copies of the object
 // share the document and the last one frees it (xmlFreeDoc). May hold no
@@ -43,12 +56,12 @@ class tXmlDocument {
   // Replaces target as a whole: a reader sees either the previous complete
   // file or the new one. A temporary file is created beside target, the
   // document saved into it (tError_SaveFile naming it; not synced), handed
-  // to the account "dyradm" (CantTakeFileOwnership), made readable by its
+  // to owner's uid and gid (CantTakeFileOwnership), made readable by that
   // group (mode 0640) and put in target's place (CantRenameFile). When no
   // temporary file can be created, tError_SaveFile names target with the
   // cause inside. A temporary file that was written is left behind when a
   // later step fails.
-  void saveToFileAtomically(const std::string& target);
+  void saveToFileAtomically(const std::string& target, const AccountIds& owner);
 
   // The libxml2 document, still owned by this object; null when none.
   xmlDocPtr getDoc() const { return doc_.get(); }
@@ -115,5 +128,21 @@ class tXmlQvtDocument : public tXmlDocument {
 };
 
 }  // namespace tovel
+
+TOVEL_EXC_TRAITS(&tovel::tError_WrongInputFile, "tError_WrongInputFile",
+                 "The XML file does not exist or is not a regular file. Check "
+                 "the file '%1%'");
+TOVEL_EXC_TRAITS(&tovel::tError_EmptyDoc, "tError_EmptyDoc",
+                 "The document is empty. Can not find root element <%1%>");
+TOVEL_EXC_TRAITS(&tovel::tError_WrongDoc, "tError_WrongDoc",
+                 "The document has the wrong type, root node is <%2%>, but "
+                 "<%1%> was expected");
+TOVEL_EXC_TRAITS(&tovel::tError_WrongContent, "tError_WrongContent", "%1%");
+TOVEL_EXC_TRAITS(&tovel::NoSuchAttribute, "NoSuchAttribute",
+                 "Node %1% does not have attribute %2%");
+TOVEL_EXC_TRAITS(&tovel::CantTakeFileOwnership, "CantTakeFileOwnership",
+                 "Cannot take ownership of %1%: %2%");
+TOVEL_EXC_TRAITS(&tovel::CantRenameFile, "CantRenameFile",
+                 "Cannot rename %1% to %2%: %3%");
 
 #endif  // FERROW_XML_XML_DOCUMENT_H_

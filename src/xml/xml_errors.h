@@ -8,9 +8,22 @@
 
 #include <string>
 
-#include "errors/tags.h"
+#include "errors/exc.h"
 
 namespace tovel {
+
+// What a failed libxml2/libxslt call raises, and contract checks.
+TOVEL_DECLARE_TAG(AssertionFailed)
+TOVEL_DECLARE_TAG(tError_XmlInternal)
+TOVEL_DECLARE_TAG(tError_ParseFile)
+TOVEL_DECLARE_TAG(tError_SaveFile)
+TOVEL_DECLARE_TAG(tError_XPath_CantEvaluate)
+TOVEL_DECLARE_TAG(tError_XslParse_CanNotParseFile)
+TOVEL_DECLARE_TAG(tError_Xslt_CantApplyStylesheet)
+TOVEL_DECLARE_TAG(tError_Xslt_ApplyStylesheetTerminated)
+TOVEL_DECLARE_TAG(InvalidDtdFile)
+TOVEL_DECLARE_TAG(InternalDtdValidationFailed)
+TOVEL_DECLARE_TAG(ExternalDtdValidationFailed)
 
 // A libxml2 generic error function (xmlGenericErrorFunc): appends the
 // formatted message to the std::string that ctx points to.
@@ -68,6 +81,37 @@ struct ErrorSite {
                                      const std::string& messages);
 
 }  // namespace tovel
+
+TOVEL_EXC_TRAITS(&tovel::AssertionFailed, "AssertionFailed",
+                 "Assertion failed: %1%");
+TOVEL_EXC_TRAITS(&tovel::tError_XmlInternal, "tError_XmlInternal", "%1%");
+TOVEL_EXC_TRAITS(&tovel::tError_ParseFile, "tError_ParseFile",
+                 "The XML file %1% was not parsed successfully with the "
+                 "following errors:\n%2%");
+TOVEL_EXC_TRAITS(&tovel::tError_SaveFile, "tError_SaveFile",
+                 "Can not save the XML document to file '%1%'");
+TOVEL_EXC_TRAITS(&tovel::tError_XPath_CantEvaluate, "tError_XPath_CantEvaluate",
+                 "The XML document is invalid for XPath exception.\nCan not "
+                 "evaluate result of expression '%1%'");
+TOVEL_EXC_TRAITS(&tovel::tError_XslParse_CanNotParseFile,
+                 "tError_XslParse_CanNotParseFile",
+                 "Can not parse XSLT file '%1%'");
+TOVEL_EXC_TRAITS(&tovel::tError_Xslt_CantApplyStylesheet,
+                 "tError_Xslt_CantApplyStylesheet", "Can not apply stylesheet");
+TOVEL_EXC_TRAITS(&tovel::tError_Xslt_ApplyStylesheetTerminated,
+                 "tError_Xslt_ApplyStylesheetTerminated",
+                 "The translation of XML document was terminated by XSLT "
+                 "stylesheet. Check for the error reason and try again.");
+TOVEL_EXC_TRAITS(&tovel::InvalidDtdFile, "InvalidDtdFile",
+                 "The DTD file %1% is invalid");
+TOVEL_EXC_TRAITS(&tovel::InternalDtdValidationFailed,
+                 "InternalDtdValidationFailed",
+                 "Failed validation of the document with its internal DTD. The "
+                 "errors are: %1%");
+TOVEL_EXC_TRAITS(&tovel::ExternalDtdValidationFailed,
+                 "ExternalDtdValidationFailed",
+                 "Failed validation of the document with external DTD %1%. The "
+                 "errors are: %2%.");
 
 #define TOVEL_THROW_LIBXML(KIND, SUBJECT, MESSAGES)                        \
   ::tovel::throwLibxmlFailure(                                             \

@@ -39,9 +39,10 @@ XmlNode XmlNode::getParent() const {
   return XmlNode(parent);
 }
 
-void XmlNode::saveToFileAtomically(const std::string& target) const {
+void XmlNode::saveToFileAtomically(const std::string& target,
+                                   const AccountIds& owner) const {
   NodeCopyDocument document(node_);
-  document.saveToFileAtomically(target);
+  document.saveToFileAtomically(target, owner);
 }
 
 }  // namespace tovel

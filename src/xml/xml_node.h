@@ -6,7 +6,13 @@
 
 #include <string>
 
+#include "commons/accounts.h"
+#include "errors/exc.h"
+
 namespace tovel {
+
+// A node without an enclosing element was asked for its parent.
+TOVEL_DECLARE_TAG(NoParentNode)
 
 // Does not own the node: the node belongs to its document, which must
 // outlive the handle.
@@ -21,12 +27,16 @@ class XmlNode {
   XmlNode getParent() const;
   // Saves a copy of this node and its subtree, as the root of a document
   // of its own, with tXmlDocument::saveToFileAtomically.
-  void saveToFileAtomically(const std::string& target) const;
+  void saveToFileAtomically(const std::string& target,
+                            const AccountIds& owner) const;
 
  private:
   xmlNodePtr node_;
 };
 
 }  // namespace tovel
+
+TOVEL_EXC_TRAITS(&tovel::NoParentNode, "NoParentNode",
+                 "No parent node on requested XML element");
 
 #endif  // FERROW_XML_XML_NODE_H_

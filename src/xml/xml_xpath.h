@@ -8,9 +8,13 @@
 #include <string>
 #include <vector>
 
+#include "errors/exc.h"
 #include "xml/xml_document.h"
 
 namespace tovel {
+
+// An expression's result is not of the type asked for.
+TOVEL_DECLARE_TAG(tError_XPath_TypesMismatch)
 
 // Something done to each node of a node set (tXPathExpr::forEachNode).
 class tXmlOperator {
@@ -65,5 +69,9 @@ class tXPathExpr {
 };
 
 }  // namespace tovel
+
+TOVEL_EXC_TRAITS(&tovel::tError_XPath_TypesMismatch,
+                 "tError_XPath_TypesMismatch",
+                 "The result of expression '%1%' is not a '%2%' type");
 
 #endif  // FERROW_XML_XML_XPATH_H_

@@ -19,19 +19,20 @@
 #include "actions/agent_commands.h"
 #include "actions/dumping_status_pull.h"
 #include "actions/remove_dumping_status_action.h"
+#include "actions/retrieval_errors.h"
 #include "actions/retrieve_content_action.h"
 #include "actions/retrieve_dump_action.h"
-#include "agents/agent_spec.h"
+#include "agents/agent.h"
 #include "commons/checksum.h"
-#include "commons/disk_space.h"
 #include "commons/dyr_conf.h"
+#include "commons/free_space.h"
 #include "commons/session_files.h"
-#include "errors/tags.h"
 #include "log/debug_log.h"
 #include "log/run_log.h"
 #include "support/ferrow_runner.h"
 #include "support/source_login.h"
 #include "xml/migration_status.h"
+#include "xml/xml_document.h"
 
 namespace tovel {
 namespace {

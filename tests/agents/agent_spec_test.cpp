@@ -1,5 +1,5 @@
 // Agent spec files and the factory that finds, rejects and caches agents.
-#include "agents/agent_spec.h"
+#include "agents/agents_factory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -7,8 +7,8 @@
 #include <boost/filesystem.hpp>
 #include <string>
 
+#include "agents/agent.h"
 #include "commons/dyr_conf.h"
-#include "errors/tags.h"
 #include "support/ferrow_runner.h"
 
 namespace tovel {

@@ -7,9 +7,13 @@
 #include <memory>
 #include <string>
 
+#include "actions/retrieval_errors.h"
+#include "agents/agent.h"
+#include "commons/free_space.h"
 #include "errors/system_error.h"
-#include "errors/tags.h"
 #include "errors/text_msg_formatter.h"
+#include "ferrow/options.h"
+#include "transport/libssh2_errors.h"
 
 namespace tovel {
 namespace {

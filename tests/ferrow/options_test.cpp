@@ -8,11 +8,18 @@
 #include <string>
 #include <vector>
 
-#include "errors/tags.h"
+#include "actions/retrieval_errors.h"
+#include "actions/retrieve_content_action.h"
 #include "ferrow/driver.h"
 #include "ferrow/dump_options.h"
 #include "support/ferrow_runner.h"
 #include "transport/host_key_check.h"
+#include "transport/libssh2_errors.h"
+#include "transport/session.h"
+#include "transport/socket.h"
+#include "transport/ssh_transfer.h"
+#include "xml/xml_document.h"
+#include "xml/xml_errors.h"
 
 namespace tovel {
 namespace {
@@ -27,7 +34,7 @@ class OptionsTest : public ::testing::Test {
 
   // Words "DYR_...=v" set the environment; the scanner must answer `ok`,
   // printing its diagnostic only when it refuses.
-  static config parse(const std::string& line, bool ok = true) {
+  static CommandLine parse(const std::string& line, bool ok = true) {
     clearEnvironment();
     std::vector<std::string> words = {"ferrow"};
     std::istringstream in(line);
@@ -40,7 +47,7 @@ class OptionsTest : public ::testing::Test {
     }
     std::vector<char*> argv;
     for (std::string& w : words) argv.push_back(&w[0]);
-    config cfg;
+    CommandLine cfg;
     ::testing::internal::CaptureStderr();
     resetEnvPasswordForTesting();
     EXPECT_EQ(ok,
@@ -52,7 +59,7 @@ class OptionsTest : public ::testing::Test {
 
   // The refusal of verify_options for the line, "" when it accepts it.
   static std::string refusal(const std::string& line) {
-    config cfg = parse(line);
+    CommandLine cfg = parse(line);
     try {
       verify_options(&cfg);
     } catch (const Exc<&::OptParsingError>& e) {
@@ -63,7 +70,7 @@ class OptionsTest : public ::testing::Test {
 
   // The dump arguments each followed by " ", then "|" and the input.
   static std::string dump(const std::string& line) {
-    config cfg = parse(line);
+    CommandLine cfg = parse(line);
     std::vector<std::string> arguments;
     std::string text;
     buildDumpArguments(cfg, arguments, text);
@@ -84,21 +91,21 @@ TEST_F(OptionsTest, ScannerFillsTheRecordAndReadsPasswords) {
                            "--remove-agent --port=2222x", "--remove-dumping-status", "--port=abc --port=22",
                            "--send-scout -h", "--get-content --get-content"}) {
     // clang-format on
-    config c = parse(line);
+    CommandLine c = parse(line);
     scanned += std::to_string(c.action) + "/" + std::to_string(c.port) + " ";
   }
   EXPECT_EQ("0/1 1/65535 2/-1 3/-1 4/-1 5/-1 6/2222 7/0 -1/22 8/0 -2/0 ",
             scanned);
-  config cfg = parse(
+  CommandLine cfg = parse(
       "--ip=old --host h1 --login --dump-all --agent-dir=ad --agent-name an "
       "--dumps-dir=dd --session-path /s --only-hosting --only-mail --verbose");
   EXPECT_EQ(kNoAction, cfg.action);  // "--dump-all" is the login
   EXPECT_EQ("h1|--dump-all|ad|an|dd|/s|1|1",
             cfg.host + "|" + cfg.login + "|" + cfg.agentDir + "|" +
                 cfg.agentName + "|" + cfg.dumpsDir + "|" + cfg.sessionPath +
-                "|" + std::to_string(cfg.only) + "|" +
+                "|" + std::to_string(static_cast<int>(cfg.only)) + "|" +
                 std::to_string(cfg.verbose));
-  EXPECT_EQ(2, parse("--only-mail --only-hosting").only);
+  EXPECT_EQ(2, static_cast<int>(parse("--only-mail --only-hosting").only));
   // The sudo password stays set; an absent or empty one: see the refusals.
   EXPECT_EQ("s3cr",
             parse("DYR_SUDO_PASSWORD=s3cr --sudo-password").sudoPassword);
@@ -246,7 +253,7 @@ TEST(DriverPartsTest, StandardInputListAndUnknownActions) {
   const char* const cases[][4] = {{"", "-", "-", "|c1,c2|-|d1"}, {"-", "", "-", "c1,c2||-|d1"}, {"", "", "a,-", "||a,-|c1,c2"}};
   // clang-format on
   for (const auto& c : cases) {
-    config cfg;
+    CommandLine cfg;
     cfg.resellers = c[0], cfg.clients = c[1], cfg.domains = c[2];
     std::istringstream in("c1,c2\nd1\n");
     readStandardInputList(cfg, in);
@@ -255,7 +262,7 @@ TEST(DriverPartsTest, StandardInputListAndUnknownActions) {
     EXPECT_EQ(c[3], cfg.resellers + "|" + cfg.clients + "|" + cfg.domains +
                         "|" + rest);
   }
-  config help;
+  CommandLine help;
   help.action = kHelp;
   EXPECT_THROW(getActionByIdInternal(help), Exc<&UnknownAction>);
 }

@@ -10,10 +10,12 @@
 #include <regex>
 #include <string>
 
+#include "actions/retrieval_errors.h"
 #include "commons/session_files.h"
-#include "errors/tags.h"
 #include "log/debug_log.h"
 #include "support/ferrow_runner.h"
+#include "transport/libssh2_errors.h"
+#include "xml/xml_node.h"
 
 namespace tovel {
 namespace {

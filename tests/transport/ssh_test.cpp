@@ -18,9 +18,10 @@
 
 #include "commons/checksum.h"
 #include "commons/termination.h"
-#include "errors/tags.h"
 #include "support/sshd_server.h"
 #include "transport/file_follower.h"
+#include "transport/libssh2_errors.h"
+#include "transport/session.h"
 #include "transport/ssh_transfer.h"
 
 namespace ferrow_test {

@@ -7,15 +7,18 @@
 
 #include <boost/filesystem.hpp>
 
+#include "actions/retrieval_errors.h"
 #include "commons/commons_test_util.h"
 #include "commons/exec_cmd.h"
 #include "commons/session_files.h"
-#include "errors/tags.h"
+#include "transport/libssh2_errors.h"
 #include "xml/agent_deployment_status.h"
 #include "xml/agent_file_list.h"
 #include "xml/agents_list.h"
 #include "xml/migration_status.h"
+#include "xml/xml_document.h"
 #include "xml/xml_dtd_xslt.h"
+#include "xml/xml_errors.h"
 #include "xml/xml_msg_formatter.h"
 #include "xml/xml_node.h"
 #include "xml/xml_schema.h"
@@ -107,21 +110,21 @@ TEST(AtomicSaveTest, FailuresNameTheFilesAndKeepTheTarget) {
   doc.initNewDoc("r");
   const std::string target = dir.path() + "/s";
   XmlNode(doc.newTextChild(doc.getRoot(), "host", "h\xC3\xA9<&>"))
-      .saveToFileAtomically(target);
+      .saveToFileAtomically(target, {});
   doc.newTextChild(doc.getRoot(), "h", std::string(100000, 'h'));
   rlimit saved, small = {4096, RLIM_INFINITY};
   getrlimit(RLIMIT_FSIZE, &saved);
   signal(SIGXFSZ, SIG_IGN);
   ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &small));
-  std::string message =
-      messageOf<&tError_SaveFile>([&] { doc.saveToFileAtomically(target); });
+  std::string message = messageOf<&tError_SaveFile>(
+      [&] { doc.saveToFileAtomically(target, {}); });
   setrlimit(RLIMIT_FSIZE, &saved);
   EXPECT_THAT(message, HasSubstr("'" + target));
   EXPECT_EQ("<host>h\xC3\xA9&lt;&amp;&gt;</host>", bodyOf(readFile(target)));
   boost::filesystem::remove(target);
   boost::filesystem::create_directories(target + "/in");
   EXPECT_THAT(
-      messageOf<&CantRenameFile>([&] { doc.saveToFileAtomically(target); }),
+      messageOf<&CantRenameFile>([&] { doc.saveToFileAtomically(target, {}); }),
       MatchesRegex("Cannot rename " + target + ".* to " + target +
                    ": Is a directory"));
 }
@@ -229,7 +232,7 @@ TEST(XmlDocumentTest, ContractViolationsAreReportedNotFollowed) {
     EXPECT_THAT(messageOf<&AssertionFailed>(row.second), HasSubstr(row.first));
   EXPECT_THAT(messageOf<&tError_XmlInternal>([&] { doc.newChild(nullptr, "c"); }),
               HasSubstr("#0002"));
-  EXPECT_THAT(messageOf<&tError_SaveFile>([&] { doc.saveToFileAtomically("/no/s"); }),
+  EXPECT_THAT(messageOf<&tError_SaveFile>([&] { doc.saveToFileAtomically("/no/s", {}); }),
               HasSubstr("/no/s"));
 }
 

@@ -1,15 +1,18 @@
-// The agent catalogue of the destination host: one directory per agent
-// under files::agents::getDir(), each describing itself in control/spec.
-#ifndef FERROW_AGENTS_AGENT_SPEC_H_
-#define FERROW_AGENTS_AGENT_SPEC_H_
+// One agent of the destination host's catalogue: a directory under
+// files::agents::getDir() that describes itself in control/spec.
+#ifndef FERROW_AGENTS_AGENT_H_
+#define FERROW_AGENTS_AGENT_H_
 
 #include <boost/array.hpp>
 #include <boost/filesystem/path.hpp>
-#include <map>
-#include <memory>
 #include <string>
 
+#include "errors/exc.h"
+
 namespace tovel {
+
+// A spec file that cannot be read as "Key: value" lines of known keys.
+TOVEL_DECLARE_TAG(ParseFailed)
 
 class Agent {
  public:
@@ -53,28 +56,10 @@ class Agent {
   Data data_;
 };
 
-// Finds agents in the catalogue and keeps each one parsed at most once.
-class AgentsFactory {
- public:
-  // Parses CATALOGUE/name when the catalogue is a directory.
-  bool parseAgent(const std::string& name);
-  // Parses agentDir/control/spec and caches the agent under agentDir's last
-  // component (an agent already cached is kept). Returns false, with a
-  // warning in the log, when the spec is missing or invalid.
-  bool parseAgent(const std::string& name,
-                  const boost::filesystem::path& agentDir);
-  // Parses every directory of the catalogue; failures are only logged.
-  void getAllAgents();
-  // The cached or newly parsed agent; throws AgentNotFound.
-  std::shared_ptr<Agent> getAgent(const std::string& name);
-
- private:
-  std::map<std::string, std::shared_ptr<Agent>> agents_;
-};
-
-// The process-wide factory.
-AgentsFactory& theAgentsFactory();
-
 }  // namespace tovel
 
-#endif  // FERROW_AGENTS_AGENT_SPEC_H_
+// The code names the class the tag belongs to.
+TOVEL_EXC_TRAITS(&tovel::ParseFailed, "Agent::ParseFailed",
+                 "Unable to parse spec file: %1%");
+
+#endif  // FERROW_AGENTS_AGENT_H_

@@ -1,19 +1,16 @@
-// Free space of file systems, and holding some of it.
-#ifndef FERROW_COMMONS_DISK_SPACE_H_
-#define FERROW_COMMONS_DISK_SPACE_H_
+// Holding free space of a file system for as long as it is needed.
+#ifndef FERROW_COMMONS_DISK_SPACE_RESERVER_H_
+#define FERROW_COMMONS_DISK_SPACE_RESERVER_H_
 
 #include <cstdint>
 #include <string>
 
+#include "commons/free_space.h"
 #include "errors/exc.h"
 
 namespace tovel {
 
 typedef int64_t ll_t;
-
-// Bytes available to unprivileged users on the file system holding path.
-// Throws Exc<&CantStatFS>.
-uint64_t getFreeSpace(const std::string& path);
 
 // Holds size bytes in a hidden file of directory path until destroyed.
 class DiskSpaceReserver {
@@ -51,4 +48,4 @@ TOVEL_EXC_TRAITS(&tovel::DiskSpaceReserver::NotEnoughDiskSpace,
                  "Selected filesystem at %1% has only %2% bytes free, but %3% "
                  "bytes are needed for operation");
 
-#endif  // FERROW_COMMONS_DISK_SPACE_H_
+#endif  // FERROW_COMMONS_DISK_SPACE_RESERVER_H_

@@ -1,7 +1,6 @@
-#include "commons/disk_space.h"
+#include "commons/disk_space_reserver.h"
 
 #include <stdio.h>
-#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,7 +9,6 @@
 
 #include "commons/exec_cmd.h"
 #include "errors/system_error.h"
-#include "errors/tags.h"
 
 namespace tovel {
 namespace {
@@ -19,8 +17,8 @@ namespace {
 // (as tempnam would), so that no other process can take the name between
 // the choice and the write.
 std::string uniqueName(const std::string& dir) {
-  std::string name = dir + (dir.empty() || dir.back() != '/' ? "/" : "") +
-                     ".fs_XXXXXX";
+  std::string name =
+      dir + (dir.empty() || dir.back() != '/' ? "/" : "") + ".fs_XXXXXX";
   int fd = mkstemp(&name[0]);
   if (fd < 0) throwSystemError("Unable to pick a name in " + dir, errno);
   close(fd);
@@ -28,16 +26,6 @@ std::string uniqueName(const std::string& dir) {
 }
 
 }  // namespace
-
-uint64_t getFreeSpace(const std::string& path) {
-  struct statfs info;
-  if (statfs(path.c_str(), &info) != 0) {
-    int error = errno;
-    TOVEL_THROW(CantStatFS) % path % std::strerror(error);
-  }
-  return static_cast<uint64_t>(info.f_bavail) *
-         static_cast<uint64_t>(info.f_bsize);
-}
 
 void DiskSpaceReserver::checkDiskSpace(const std::string& path, ll_t size) {
   ll_t available = static_cast<ll_t>(getFreeSpace(path));

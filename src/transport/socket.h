@@ -1,14 +1,24 @@
 // Socket: the one TCP connection of a run to the source host, with its
 // failures classified by tag so that the driver can tell them apart.
-#ifndef FERROW_COMMONS_SOCKET_H_
-#define FERROW_COMMONS_SOCKET_H_
+#ifndef FERROW_TRANSPORT_SOCKET_H_
+#define FERROW_TRANSPORT_SOCKET_H_
 
 #include <netdb.h>
 
 #include <memory>
 #include <string>
 
+#include "errors/exc.h"
+
 namespace tovel {
+
+// Failures of the TCP connection, each with its own exit code.
+TOVEL_DECLARE_TAG(ConnectionRefused)
+TOVEL_DECLARE_TAG(ConnectionTimedOut)
+TOVEL_DECLARE_TAG(NetworkUnreachable)
+TOVEL_DECLARE_TAG(HostUnreachable)
+TOVEL_DECLARE_TAG(ConnectionFault)
+TOVEL_DECLARE_TAG(HostNotFound)
 
 class Socket {
  public:
@@ -50,4 +60,17 @@ class Socket {
 
 }  // namespace tovel
 
-#endif  // FERROW_COMMONS_SOCKET_H_
+TOVEL_EXC_TRAITS(&tovel::ConnectionRefused, "ConnectionRefused",
+                 "No one listening on the remote address at host %1%");
+TOVEL_EXC_TRAITS(&tovel::ConnectionTimedOut, "ConnectionTimedOut",
+                 "Timeout while attempting connection to host %1%");
+TOVEL_EXC_TRAITS(&tovel::NetworkUnreachable, "NetworkUnreachable",
+                 "Specified network host %1% is unreachable");
+TOVEL_EXC_TRAITS(&tovel::HostUnreachable, "HostUnreachable",
+                 "No route to host %1%");
+TOVEL_EXC_TRAITS(&tovel::ConnectionFault, "ConnectionFault",
+                 "Unable to connect to host %1%: %2%");
+TOVEL_EXC_TRAITS(&tovel::HostNotFound, "HostNotFound",
+                 "Unable to resolve hostname %1%: %2%");
+
+#endif  // FERROW_TRANSPORT_SOCKET_H_

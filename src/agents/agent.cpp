@@ -1,12 +1,11 @@
-#include "agents/agent_spec.h"
+#include "agents/agent.h"
 
-#include <boost/filesystem.hpp>
+#include <boost/filesystem/path.hpp>
 #include <boost/format.hpp>
 #include <fstream>
 #include <log4cpp/Category.hh>
 
 #include "commons/product_paths.h"
-#include "errors/tags.h"
 
 namespace tovel {
 namespace fs = boost::filesystem;
@@ -18,10 +17,6 @@ const char* const kKeys[] = {"Description", "EntryPoint", "DocumentType",
 
 log4cpp::Category& agentLog() {
   return log4cpp::Category::getInstance("p.Agent");
-}
-
-log4cpp::Category& factoryLog() {
-  return log4cpp::Category::getInstance("p.AgentsFactory");
 }
 
 // Stores one "Key: value" line into data; throws ParseFailed.
@@ -86,57 +81,6 @@ void Agent::logContents() const {
   agentLog().info("EntryPoint: " + getEntryPoint());
   agentLog().info("DocumentType: " + getDocumentTypePath());
   agentLog().info("Interpreter: " + getInterpreterOrDefault());
-}
-
-bool AgentsFactory::parseAgent(const std::string& name) {
-  factoryLog().info("Parsing " + name);
-  fs::path catalogue(files::agents::getDir());
-  boost::system::error_code error;
-  if (!fs::is_directory(catalogue, error)) return false;
-  return parseAgent(name, catalogue / name);
-}
-
-bool AgentsFactory::parseAgent(const std::string&, const fs::path& agentDir) {
-  factoryLog().info("Parsing " + agentDir.string());
-  fs::path spec = agentDir / "control" / "spec";
-  boost::system::error_code error;
-  if (!fs::exists(spec, error) || fs::is_directory(spec, error)) {
-    factoryLog().warn(
-        (boost::format("%1% is not a regular file") % spec.string()).str());
-    return false;
-  }
-  try {
-    std::string key = agentDir.filename().string();
-    agents_.insert(std::make_pair(key, std::make_shared<Agent>(key, spec)));
-    return true;
-  } catch (const Exc<&ParseFailed>& e) {
-    // The placeholder stays unfilled: the panel's log readers match on it.
-    factoryLog().warn("%1% is not a valid agent spec file" + spec.string());
-    return false;
-  }
-}
-
-void AgentsFactory::getAllAgents() {
-  factoryLog().info("Parsing available agents info");
-  boost::system::error_code error;
-  fs::directory_iterator entry(files::agents::getDir(), error), end;
-  for (; !error && entry != end; entry.increment(error)) {
-    if (fs::is_directory(entry->status())) {
-      parseAgent(entry->path().filename().string());
-    }
-  }
-}
-
-std::shared_ptr<Agent> AgentsFactory::getAgent(const std::string& name) {
-  auto found = agents_.find(name);
-  if (found == agents_.end() && parseAgent(name)) found = agents_.find(name);
-  if (found == agents_.end()) TOVEL_THROW(AgentNotFound) % name;
-  return found->second;
-}
-
-AgentsFactory& theAgentsFactory() {
-  static AgentsFactory factory;
-  return factory;
 }
 
 }  // namespace tovel

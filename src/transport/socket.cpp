@@ -1,4 +1,4 @@
-#include "commons/socket.h"
+#include "transport/socket.h"
 
 #include <errno.h>
 #include <netinet/in.h>
@@ -9,8 +9,6 @@
 
 #include <log4cpp/Category.hh>
 #include <stdexcept>
-
-#include "errors/tags.h"
 
 namespace tovel {
 namespace {
