@@ -39,6 +39,19 @@ class NullStream : public std::ostream {
   Discard buffer_;
 };
 
+// The connector reports a refused socket() as a plain runtime_error; the
+// run tells it like any other failed start of the session.
+std::unique_ptr<Socket> openSocket(const std::string& host,
+                                   unsigned short port) {
+  try {
+    return std::make_unique<Socket>(host, port);
+  } catch (const ExTraceable&) {
+    throw;
+  } catch (const std::runtime_error& e) {
+    TOVEL_THROW(UnableToStartSshSession) % e.what();
+  }
+}
+
 }  // namespace
 
 Ssh::NullCounter Ssh::null_counter;
@@ -59,15 +72,16 @@ Ssh::~Ssh() {
   socket_.reset();
 }
 
+
 void Ssh::connect(const std::string& host, unsigned short port,
                   bool noEncryption, const HostKeyPolicy& hostKeys) {
-  socket_ = std::make_unique<Socket>(host, port);
+  socket_ = openSocket(host, port);
   try {
     session_ = std::make_unique<libssh2pp::Session>(socket_->fd(), noEncryption,
                                                     false);
   } catch (const Exc<&UnableToStartSshSession>&) {
     logger().debug("Attempt to start SSH session in a 'compatibility' mode");
-    socket_ = std::make_unique<Socket>(host, port);
+    socket_ = openSocket(host, port);
     session_ =
         std::make_unique<libssh2pp::Session>(socket_->fd(), noEncryption, true);
   }

@@ -45,7 +45,8 @@ class Ssh {
   // Connects (Socket), starts SSH (retrying once in compatibility mode
   // when the start fails), verifies the host key as hostKeys says after
   // each start and before any authentication request, and logs in. Throws
-  // what Socket, Session and verifyHostKey throw; a refused login throws
+  // what Socket, Session and verifyHostKey throw (a refused socket() as
+  // UnableToStartSshSession "socket: <reason>"); a refused login throws
   // SshInvalidCredentials "Unable to connect to host <host>: you have
   // specified incorrect username or password". The password is not kept.
   Ssh(const std::string& host, const std::string& login,

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -81,6 +82,22 @@ TEST_F(SshTest, StatusStreamsInputAndSignals) {
   // This libssh2 has no "none" cipher: the session is refused, not opened
   // encrypted behind the user's back.
   EXPECT_THROW(login(plainAccount(), true), Exc<&tovel::UnableToStartSshSession>);
+  // No descriptor left for the socket: the same failure, not a stray
+  // runtime_error.
+  rlimit saved, none;
+  getrlimit(RLIMIT_NOFILE, &saved);
+  const int next = dup(0);
+  close(next);
+  none = {static_cast<rlim_t>(next), saved.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &none);
+  std::string message;
+  try {
+    login(plainAccount());
+  } catch (const Exc<&tovel::UnableToStartSshSession>& e) {
+    message = e.what();
+  }
+  setrlimit(RLIMIT_NOFILE, &saved);
+  EXPECT_EQ(message, "Unable to start SSH session: socket: Too many open files");
 }
 
 TEST_F(SshTest, LargeInputAndOutputFlowTogether) {
