@@ -25,8 +25,8 @@ namespace tovel {
 // The factory was asked for an id that has no action.
 TOVEL_DECLARE_TAG(UnknownAction)
 
-// The whole run; returns the exit code. Throws only what escapes the
-// controllers (main catches it).
+// The whole run; returns the exit code. Throws only what escapes the run's
+// objects and the action (main catches it).
 int real_main(int argc, char** argv);
 
 // Runs the action of cfg under a new run record of session; returns its
