@@ -24,8 +24,7 @@ class ScratchSession {
     char name[] = "/tmp/ferrow-micro-XXXXXX";
     if (mkdtemp(name) == nullptr) abort();
     dir_ = name;
-    session_ =
-        std::make_unique<tovel::SessionLifetimeController>(dir_ + "/session");
+    session_ = std::make_unique<tovel::SessionFiles>(dir_ + "/session");
   }
   ~ScratchSession() {
     session_.reset();
@@ -34,10 +33,11 @@ class ScratchSession {
       fprintf(stderr, "cannot remove %s\n", dir_.c_str());
   }
   const std::string& dir() const { return dir_; }
+  const tovel::SessionFiles& session() const { return *session_; }
 
  private:
   std::string dir_;
-  std::unique_ptr<tovel::SessionLifetimeController> session_;
+  std::unique_ptr<tovel::SessionFiles> session_;
 };
 
 ScratchSession& scratch() {
@@ -48,8 +48,9 @@ ScratchSession& scratch() {
 // What the progress updater does for each chunk received: three figures,
 // then a save of the whole document.
 void BM_StatusSaveDuringTransfer(benchmark::State& state) {
-  scratch();
-  tovel::XmlMigrationStatus status;
+  const tovel::SessionFiles& session = scratch().session();
+  tovel::XmlMigrationStatus status(session.getStatusFileName(),
+                                   session.getDocumentOwner());
   status.setAgentParams("source.example.test");
   status.setTransferTotals("500", "1073741824");
   status.setCurrentFile("example.test_web.tar.gz", "1073741824");

@@ -17,6 +17,7 @@
 #include "commons/host_log.h"
 #include "commons/session_files.h"
 #include "fuzz_support.h"
+#include "log/debug_log.h"
 #include "log/run_log.h"
 #include "xml/migration_status.h"
 
@@ -67,9 +68,11 @@ void checkSaved(const std::string& file,
   }
 }
 
-void writeStatus(const std::vector<std::string>& s) {
+void writeStatus(const tovel::SessionFiles& session,
+                 const std::vector<std::string>& s) {
+  const std::string file = session.getStatusFileName();
   std::unique_ptr<tovel::MigrationStatus> status =
-      tovel::createMigrationStatusFile();
+      tovel::createMigrationStatusFile(file, session.getDocumentOwner());
   status->setAgentParams(s[0]);
   status->setTransferSpeed(s[1]);
   status->setTransferTotals(s[2], s[3]);
@@ -78,17 +81,19 @@ void writeStatus(const std::vector<std::string>& s) {
   std::vector<std::string> expected = {s[0], s[1], s[2], s[3], s[4]};
   // The size is shown only with a file name.
   if (!s[4].empty()) expected.push_back(s[5]);
-  checkSaved(tovel::theSession->getStatusFileName(), expected);
+  checkSaved(file, expected);
   status->setDeployTotals(s[6], s[7]);
   status->setCurrentObject(s[8], tovel::MigrationStatus::domain);
   status->saveFile();
-  checkSaved(tovel::theSession->getStatusFileName(), {s[6], s[7], s[8]});
+  checkSaved(file, {s[6], s[7], s[8]});
 }
 
-void writeRunRecord(const std::vector<std::string>& s) {
+void writeRunRecord(const tovel::SessionFiles& session,
+                    const std::vector<std::string>& s) {
   std::string file;
   {
-    tovel::XmlLog record("");
+    tovel::Log4cppDebugLog debugLog(false, false);
+    tovel::XmlLog record(session, "", debugLog);
     file = record.getFileName();
     record.pushObject(s[9], s[10]);
     record.log(tovel::Exc<&tovel::CantStatFS>("fuzz", "./fuzz.cpp", 1) % s[11] %
@@ -109,9 +114,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     tovel::setHostLogSink([](tovel::HostLogLevel, const std::string&) {});
     return new tovel::SessionFiles(ferrow_fuzz::scratchDir() + "/session");
   }();
-  tovel::theSession = session;
   std::vector<std::string> strings = ferrow_fuzz::splitInput(data, size, 13);
-  writeStatus(strings);
-  writeRunRecord(strings);
+  writeStatus(*session, strings);
+  writeRunRecord(*session, strings);
   return 0;
 }

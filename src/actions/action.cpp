@@ -8,7 +8,6 @@
 
 #include "commons/capped_output.h"
 #include "commons/product_paths.h"
-#include "log/debug_log.h"
 
 namespace tovel {
 
@@ -47,9 +46,10 @@ class PrefixedStreamBuf : public std::streambuf {
 
 }  // namespace
 
-Action::Action(bool withStatus) {
+Action::Action(const RunContext& run, bool withStatus) : run_(run) {
   if (!withStatus) return;
-  status_ = createMigrationStatusFile();
+  status_ = createMigrationStatusFile(session().getStatusFileName(),
+                                      session().getDocumentOwner());
   status_->setIdle();
   status_->saveFile();
 }
@@ -60,11 +60,9 @@ Action::~Action() {
       status_->setIdle();
       status_->saveFile();
     } catch (const ExTraceable& e) {
-      if (theDebugLog) theDebugLog->log(e);
+      debugLog().log(e);
     } catch (const std::exception& e) {
-      if (theDebugLog) {
-        theDebugLog->log(std::string("Unable to save the status: ") + e.what());
-      }
+      debugLog().log(std::string("Unable to save the status: ") + e.what());
     }
     status_.reset();
   }
@@ -73,14 +71,13 @@ Action::~Action() {
 
 Ssh* Action::getSsh() {
   if (!ssh_) {
-    unsigned short port = config_->port == 0 ? 22 : config_->port;
+    unsigned short port = cfg().port == 0 ? 22 : cfg().port;
     HostKeyPolicy hostKeys;
-    parseHostKeyChecking(config_->strictHostKeyChecking, &hostKeys.checking);
-    hostKeys.fingerprint = config_->hostKeyFingerprint;
+    parseHostKeyChecking(cfg().strictHostKeyChecking, &hostKeys.checking);
+    hostKeys.fingerprint = cfg().hostKeyFingerprint;
     hostKeys.knownHostsFile = files::getKnownHostsFileName();
-    ssh_ = std::make_unique<Ssh>(config_->host, config_->login,
-                                 config_->password, config_->noEncryption,
-                                 port, hostKeys);
+    ssh_ = std::make_unique<Ssh>(cfg().host, cfg().login, cfg().password,
+                                 cfg().noEncryption, port, hostKeys);
   }
   return ssh_.get();
 }
@@ -95,15 +92,15 @@ int Action::execUser(const std::string& command, std::istream& in,
 int Action::execRoot(const std::string& command, std::istream& in,
                      std::ostream& out, std::ostream& err, bool quietOutput,
                      bool quietInput, const Periodic* periodic) {
-  if (!config_->sudo) {
+  if (!cfg().sudo) {
     return execUser(command, in, out, err, quietOutput, quietInput, periodic);
   }
   checkSudoPresence();
   std::string prefixed = AgentCommands::asRoot(command);
-  if (config_->sudoPassword.empty()) {
+  if (cfg().sudoPassword.empty()) {
     return execUser(prefixed, in, out, err, quietOutput, quietInput, periodic);
   }
-  PrefixedStreamBuf buffer(config_->sudoPassword + "\n", in);
+  PrefixedStreamBuf buffer(cfg().sudoPassword + "\n", in);
   std::istream input(&buffer);
   return execUser(prefixed, input, out, err, quietOutput, quietInput, periodic);
 }
@@ -121,22 +118,22 @@ void Action::checkSudoPresence() {
   std::istringstream none;
   int status = getSsh()->exec(AgentCommands::sudoVersion(), none, out, err,
                               false, false, Ssh::null_counter);
-  if (status == 127) TOVEL_THROW(SudoNotFound) % config_->host;
-  std::istringstream password(config_->sudoPassword);
+  if (status == 127) TOVEL_THROW(SudoNotFound) % cfg().host;
+  std::istringstream password(cfg().sudoPassword);
   status = getSsh()->exec(AgentCommands::asRoot("true"), password, out, err,
                           false, false, Ssh::null_counter);
   if (status != 0) {
     logger().error("sudo refused to run a command: " + err.str());
-    TOVEL_THROW(SudoNotAllowed) % config_->login % config_->host;
+    TOVEL_THROW(SudoNotAllowed) % cfg().login % cfg().host;
   }
   sudoChecked_ = true;
 }
 
 void Action::takeFile(const std::string& path) {
-  if (!config_->sudo) return;
+  if (!cfg().sudo) return;
   checkSudoPresence();
   CappedOutput out, err;
-  if (execRoot(AgentCommands::giveTo(config_->login, path), out, err, false) !=
+  if (execRoot(AgentCommands::giveTo(cfg().login, path), out, err, false) !=
       0) {
     TOVEL_THROW(CantTakeFileOwnership) % path % err.str();
   }

@@ -1,6 +1,6 @@
 // The base of every command-line action. The driver creates one action,
-// hands it the configuration and calls execute() once. The base owns the
-// run's one SSH connection and runs commands on the source host as the
+// handing it the run's shared objects, and calls execute() once. The base owns
+// the run's one SSH connection and runs commands on the source host as the
 // login user or as root (directly, or through sudo with the password as
 // the first line of the command's standard input).
 #ifndef FERROW_ACTIONS_ACTION_H_
@@ -11,7 +11,7 @@
 #include <string>
 
 #include "actions/agent_commands.h"
-#include "commons/config.h"
+#include "actions/run_context.h"
 #include "errors/exc.h"
 #include "transport/periodic.h"
 #include "transport/ssh_transfer.h"
@@ -29,29 +29,33 @@ class Result;
 
 class Action {
  public:
-  // With withStatus, creates the session's "migration.status" document and
-  // saves it as idle. Throws what the XML layer throws.
-  explicit Action(bool withStatus);
+  // Everything run names must outlive the action. With withStatus, creates
+  // the session's "migration.status" document and saves it as idle. Throws
+  // what the XML layer throws.
+  Action(const RunContext& run, bool withStatus);
   // Saves the status document (if any) as idle once more (a failure is
   // written to the debug log, never thrown), then closes the connection.
   virtual ~Action();
   Action(const Action&) = delete;
   Action& operator=(const Action&) = delete;
 
-  // cfg must outlive the action.
-  virtual void setConfig(const config* cfg) { config_ = cfg; }
   virtual void setResult(Result* result) { result_ = result; }
   virtual void execute() = 0;
 
  protected:
+  const config& cfg() const { return run_.cfg; }
+  const SessionFiles& session() const { return run_.session; }
+  Log& runRecord() const { return run_.runRecord; }
+  DebugLog& debugLog() const { return run_.debugLog; }
+  // Null when nobody watches the transfer.
+  TransferProgressListener* progress() const { return run_.progress; }
+
   // The connection, opened on first use (port 0 means 22). Throws what
   // Ssh's constructor throws.
   Ssh* getSsh();
 
   // The paths and command lines of the configured agent directory.
-  AgentCommands agentCommands() const {
-    return AgentCommands(config_->agentDir);
-  }
+  AgentCommands agentCommands() const { return AgentCommands(cfg().agentDir); }
 
   // Runs `command` as the login user in the agent directory
   // (AgentCommands::inAgentDir). A failing cd does not stop the command.
@@ -80,11 +84,11 @@ class Action {
   // root wrote; throws CantTakeFileOwnership with chown's error text.
   void takeFile(const std::string& path);
 
-  const config* config_ = nullptr;
   Result* result_ = nullptr;
   std::unique_ptr<MigrationStatus> status_;
 
  private:
+  const RunContext run_;
   std::unique_ptr<Ssh> ssh_;
   bool sudoChecked_ = false;
 };

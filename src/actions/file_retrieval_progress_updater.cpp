@@ -3,14 +3,13 @@
 #include <chrono>
 #include <string>
 
-#include "actions/transfer_progress.h"
-
 namespace tovel {
 
 FileRetrievalProgressUpdater::FileRetrievalProgressUpdater(
-    MigrationStatus& status, int64_t totalSize, int files, Clock clock,
-    SaveClock saveClock)
+    MigrationStatus& status, TransferProgressListener* watcher,
+    int64_t totalSize, int files, Clock clock, SaveClock saveClock)
     : status_(status),
+      watcher_(watcher),
       clock_(clock),
       saveClock_(saveClock),
       startTime_(clock()),
@@ -87,13 +86,14 @@ int FileRetrievalProgressUpdater::fileDone() {
 }
 
 void FileRetrievalProgressUpdater::report() const {
+  if (watcher_ == nullptr) return;
   TransferFigures figures;
   figures.filesTotal = filesTotal_;
   figures.filesLeft = filesLeft_;
   figures.sizeTotal = sizeTotal_;
   figures.sizeLeft = sizeLeft_;
   figures.speed = speed_;
-  reportTransferProgress(figures);
+  watcher_->transferProgress(figures);
 }
 
 }  // namespace tovel

@@ -8,6 +8,7 @@
 #include <ctime>
 #include <optional>
 
+#include "actions/transfer_progress.h"
 #include "transport/ssh_transfer.h"
 #include "xml/migration_status.h"
 
@@ -31,9 +32,11 @@ class FileRetrievalProgressUpdater : public Ssh::Counter {
   static constexpr int64_t kSaveIntervalMs = 100;
 
   // The transfer phase starts now (by clock); nothing is received yet.
-  // status must outlive the updater.
-  FileRetrievalProgressUpdater(MigrationStatus& status, int64_t totalSize,
-                               int files, Clock clock = &currentTime,
+  // status, and watcher unless null, must outlive the updater.
+  FileRetrievalProgressUpdater(MigrationStatus& status,
+                               TransferProgressListener* watcher,
+                               int64_t totalSize, int files,
+                               Clock clock = &currentTime,
                                SaveClock saveClock = &monotonicMs);
 
   // Counts a chunk of n bytes, then sets the speed (bytes per second since
@@ -62,6 +65,7 @@ class FileRetrievalProgressUpdater : public Ssh::Counter {
 
  private:
   MigrationStatus& status_;
+  TransferProgressListener* watcher_;
   Clock clock_;
   SaveClock saveClock_;
   bool saved_ = false;
@@ -78,7 +82,7 @@ class FileRetrievalProgressUpdater : public Ssh::Counter {
   int64_t speed_ = 0;
 
   void save(int64_t nowMs);
-  // Hands the figures to the progress watcher (transfer_progress.h).
+  // Hands the figures to the watcher, if any.
   void report() const;
 };
 

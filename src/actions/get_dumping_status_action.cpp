@@ -8,7 +8,7 @@ namespace tovel {
 
 void GetDumpingStatusAction::execute() {
   try {
-    status_->setAgentParams(config_->host);
+    status_->setAgentParams(cfg().host);
     status_->setAgentOperation(MigrationStatus::wait);
     status_->saveFile();
     const std::string remote = agentCommands().dumpingStatusFile();

@@ -14,7 +14,7 @@ TOVEL_DECLARE_TAG(DumpStatusError)
 // follow a running dump. Nothing else is printed.
 class GetDumpingStatusAction : public Action {
  public:
-  GetDumpingStatusAction() : Action(true) {}
+  explicit GetDumpingStatusAction(const RunContext& run) : Action(run, true) {}
 
   // Throws DumpStatusError wrapping any error of the connection or the
   // transfer.

@@ -10,7 +10,7 @@ namespace tovel {
 // connection, login and sudo errors propagate. Has no status document.
 class RemoveAgentAction : public Action {
  public:
-  RemoveAgentAction() : Action(false) {}
+  explicit RemoveAgentAction(const RunContext& run) : Action(run, false) {}
   void execute() override;
 };
 

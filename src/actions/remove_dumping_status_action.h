@@ -11,7 +11,8 @@ namespace tovel {
 // is in practice "/dumping-status.xml".
 class RemoveDumpingStatusAction : public Action {
  public:
-  RemoveDumpingStatusAction() : Action(true) {}
+  explicit RemoveDumpingStatusAction(const RunContext& run)
+      : Action(run, true) {}
   void execute() override;
 };
 

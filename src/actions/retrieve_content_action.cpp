@@ -16,8 +16,6 @@
 #include "commons/free_space.h"
 #include "commons/make_dir.h"
 #include "commons/session_files.h"
-#include "log/debug_log.h"
-#include "log/run_log.h"
 
 namespace tovel {
 
@@ -48,8 +46,8 @@ std::string baseNameOf(const std::string& path) {
 
 // The local copy that the skip test compares: in the session directory, by
 // base name, wherever the archives are downloaded to.
-std::string skipCandidate(const DumpFile& f) {
-  return theSession->getCidFilesDir() + "/" + baseNameOf(f.name);
+std::string skipCandidate(const SessionFiles& session, const DumpFile& f) {
+  return session.getCidFilesDir() + "/" + baseNameOf(f.name);
 }
 
 void writePointerFile(const std::string& path, const std::string& content) {
@@ -62,10 +60,6 @@ void writePointerFile(const std::string& path, const std::string& content) {
   } catch (const std::ios_base::failure& e) {
     TOVEL_THROW(FileWrite) % path % e.what();
   }
-}
-
-void debugLog(const ExTraceable& e) {
-  if (theDebugLog) theDebugLog->log(e);
 }
 
 // The expected sum stands where the message says "has": the panel's readers
@@ -140,8 +134,8 @@ void RetrieveContentAction::execute() {
 
 void RetrieveContentAction::retrieve() {
   AccountIds owner = lookupAccount(kPanelAccount);
-  make_content_dir(theSession->getCidFilesDir(), owner, 0755);
-  status_->setAgentParams(config_->host);
+  make_content_dir(session().getCidFilesDir(), owner, 0755);
+  status_->setAgentParams(cfg().host);
   status_->setTransferDump();
   status_->saveFile();
 
@@ -149,21 +143,20 @@ void RetrieveContentAction::retrieve() {
   std::vector<DumpFile> files = list->getFileList();
   int64_t total = list->getTotalSize();
   std::string destination = destinationDir();
-  if (!config_->noCheckSpace) checkSpace(destination, total);
+  if (!cfg().noCheckSpace) checkSpace(destination, total);
   status_->setTransferTotals(std::to_string(files.size()),
                              std::to_string(total));
   transfer(files, total, destination, owner);
 
-  writePointerFile(theSession->getDir() + "/dump-name",
+  writePointerFile(session().getDir() + "/dump-name",
                    destination + "/dump.xml");
-  writePointerFile(theSession->getDir() + "/migration-result-name",
+  writePointerFile(session().getDir() + "/migration-result-name",
                    destination + "/migration.result");
   list.reset();
 }
 
 std::unique_ptr<AgentFileList> RetrieveContentAction::fetchFileList() {
-  std::shared_ptr<Agent> agent =
-      theAgentsFactory().getAgent(config_->agentName);
+  std::shared_ptr<Agent> agent = theAgentsFactory().getAgent(cfg().agentName);
   const std::string command =
       agentCommands().agentLine(*agent, {"--get-content-list"});
   BoundedText list(kMaxContentListBytes);
@@ -196,7 +189,7 @@ void RetrieveContentAction::transfer(const std::vector<DumpFile>& files,
                                      int64_t total,
                                      const std::string& destination,
                                      const AccountIds& owner) {
-  FileRetrievalProgressUpdater updater(*status_, total,
+  FileRetrievalProgressUpdater updater(*status_, progress(), total,
                                        static_cast<int>(files.size()));
   for (const DumpFile& f : files) {
     updater.startFile(f.size);
@@ -235,8 +228,7 @@ void RetrieveContentAction::fetchFile(const DumpFile& f,
   std::string fault = verify(f, receipt, err.str());
   if (!fault.empty()) {
     discardLocalCopy(local);
-    TOVEL_THROW(CantRetrieveContentFile) % remote % config_->host % local %
-        fault;
+    TOVEL_THROW(CantRetrieveContentFile) % remote % cfg().host % local % fault;
   }
   removeRemoteFile(remote);
 }
@@ -268,31 +260,30 @@ void RetrieveContentAction::removeRemoteFile(const std::string& remote) {
   try {
     if (execRoot(AgentCommands::removeFile(remote), out, err, false) != 0) {
       Exc<&UnableToRemoveRemoteFile> e(__PRETTY_FUNCTION__, __FILE__, __LINE__);
-      e % remote % config_->host % err.str();
-      debugLog(e);
+      e % remote % cfg().host % err.str();
+      debugLog().log(e);
     }
   } catch (const ExTraceable& e) {
-    debugLog(e);
+    debugLog().log(e);
   } catch (const std::exception& e) {
     Exc<&UnableToRemoveRemoteFile> wrapped(__PRETTY_FUNCTION__, __FILE__,
                                            __LINE__);
-    wrapped % remote % config_->host % e.what();
-    debugLog(wrapped);
+    wrapped % remote % cfg().host % e.what();
+    debugLog().log(wrapped);
   } catch (...) {
     Exc<&UnableToRemoveRemoteFile> wrapped(__PRETTY_FUNCTION__, __FILE__,
                                            __LINE__);
-    wrapped % remote % config_->host % "Unknown internal exception occured";
-    debugLog(wrapped);
+    wrapped % remote % cfg().host % "Unknown internal exception occured";
+    debugLog().log(wrapped);
   }
 }
 
 std::string RetrieveContentAction::destinationDir() const {
-  return config_->dumpsDir.empty() ? theSession->getCidFilesDir()
-                                   : config_->dumpsDir;
+  return cfg().dumpsDir.empty() ? session().getCidFilesDir() : cfg().dumpsDir;
 }
 
 bool RetrieveContentAction::checkMD5(const DumpFile& f) {
-  std::string local = skipCandidate(f);
+  std::string local = skipCandidate(session(), f);
   if (f.md5sum.empty()) return false;
   // A directory of that name opens as a stream but cannot be read.
   struct stat info;
@@ -303,12 +294,12 @@ bool RetrieveContentAction::checkMD5(const DumpFile& f) {
 }
 
 void RetrieveContentAction::checkFile(const DumpFile& f) {
-  std::string local = skipCandidate(f);
+  std::string local = skipCandidate(session(), f);
   try {
     std::ifstream in(local.c_str(), std::ios::binary);
     if (!in.is_open()) return;
     std::string sum = countMd5Sum(in);
-    if (sum != f.md5sum && theLog != nullptr) theLog->log(wrongMd5Sum(f, sum));
+    if (sum != f.md5sum) runRecord().log(wrongMd5Sum(f, sum));
   } catch (const std::exception& e) {
     logger().debug("Unable to check " + local + ": " + e.what());
   }
@@ -317,8 +308,8 @@ void RetrieveContentAction::checkFile(const DumpFile& f) {
 void RetrieveContentAction::recordWrongMd5Sum(const DumpFile& f,
                                               const std::string& sum) {
   Exc<& WrongMd5Sum> e = wrongMd5Sum(f, sum);
-  debugLog(e);
-  if (theLog != nullptr) theLog->log(e);
+  debugLog().log(e);
+  runRecord().log(e);
 }
 
 }  // namespace tovel

@@ -27,7 +27,7 @@ TOVEL_DECLARE_TAG(WrongMd5Sum)
 
 class RetrieveContentAction : public Action {
  public:
-  RetrieveContentAction() : Action(true) {}
+  explicit RetrieveContentAction(const RunContext& run) : Action(run, true) {}
 
   // Asks the agent (as root) for its content list (longer than 64 MiB:
   // CantRetrieveContentList), checks the free space of the destination
@@ -57,8 +57,7 @@ class RetrieveContentAction : public Action {
   bool checkMD5(const DumpFile& f);
 
   // Writes WrongMd5Sum to the run record when the local copy (found as
-  // checkMD5 finds it) exists and has another sum. Never throws; does
-  // nothing without a run record.
+  // checkMD5 finds it) exists and has another sum. Never throws.
   void checkFile(const DumpFile& f);
 
  private:

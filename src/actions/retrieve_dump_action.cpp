@@ -8,7 +8,6 @@
 #include "actions/dumping_status_pull.h"
 #include "agents/agents_factory.h"
 #include "commons/capped_output.h"
-#include "commons/session_files.h"
 
 namespace tovel {
 namespace {
@@ -20,18 +19,19 @@ log4cpp::Category& logger() {
 }  // namespace
 
 RetrieveDumpAction::RetrieveDumpAction(
-    const std::vector<std::string>& arguments, const std::string& input)
-    : Action(true), arguments_(arguments), input_(input) {}
+    const RunContext& run, const std::vector<std::string>& arguments,
+    const std::string& input)
+    : Action(run, true), arguments_(arguments), input_(input) {}
 
 void RetrieveDumpAction::execute() {
   try {
     const std::string remoteDump = agentCommands().dumpFile();
-    status_->setAgentParams(config_->host);
+    status_->setAgentParams(cfg().host);
     status_->setAgentOperation(MigrationStatus::wait);
     status_->saveFile();
     runAgent(buildCommand());
     takeFile(remoteDump);
-    if (getSsh()->get(remoteDump, theSession->getDumpFileName()) != 0) {
+    if (getSsh()->get(remoteDump, session().getDumpFileName()) != 0) {
       logger().error("Unable to read " + remoteDump + " on the remote host");
     }
     writeDumpName();
@@ -41,10 +41,9 @@ void RetrieveDumpAction::execute() {
 }
 
 std::string RetrieveDumpAction::buildCommand() const {
-  std::shared_ptr<Agent> agent =
-      theAgentsFactory().getAgent(config_->agentName);
+  std::shared_ptr<Agent> agent = theAgentsFactory().getAgent(cfg().agentName);
   std::vector<std::string> arguments = arguments_;
-  if (config_->noContent) arguments.push_back("--no-content");
+  if (cfg().noContent) arguments.push_back("--no-content");
   return agentCommands().agentLine(*agent, arguments);
 }
 
@@ -52,7 +51,7 @@ void RetrieveDumpAction::runAgent(const std::string& command) {
   // The pulls belong to this one command: they start with it and end
   // with it.
   DumpingStatusPull pull(*getSsh(), agentCommands().dumpingStatusFile(),
-                         theSession->getDumpingStatusFileName());
+                         session().getDumpingStatusFileName());
   const Periodic pulling = pull.periodic();
   CappedOutput out, err;
   int status;
@@ -66,12 +65,12 @@ void RetrieveDumpAction::runAgent(const std::string& command) {
 }
 
 void RetrieveDumpAction::writeDumpName() const {
-  const std::string name = config_->sessionPath + "/dump-name";
+  const std::string name = cfg().sessionPath + "/dump-name";
   try {
     std::ofstream file;
     file.exceptions(std::ios::failbit | std::ios::badbit);
     file.open(name.c_str(), std::ios::out | std::ios::trunc);
-    file << theSession->getDumpFileName();
+    file << session().getDumpFileName();
     file.close();
   } catch (const std::exception& e) {
     TOVEL_THROW(FileWrite) % name % e.what();

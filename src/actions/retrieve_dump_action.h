@@ -23,7 +23,8 @@ class RetrieveDumpAction : public Action {
  public:
   // arguments: the agent's dump arguments, in order; input: its standard
   // input, empty for none. Creates the status document (see Action).
-  RetrieveDumpAction(const std::vector<std::string>& arguments,
+  RetrieveDumpAction(const RunContext& run,
+                     const std::vector<std::string>& arguments,
                      const std::string& input);
 
   // Throws CantRetrieveDump wrapping the cause: CantRetrieveDumpFile with

@@ -34,11 +34,10 @@ log4cpp::Category& logger() {
 }  // namespace
 
 void SendAgentAction::execute() {
-  status_->setAgentParams(config_->host);
+  status_->setAgentParams(cfg().host);
   status_->setAgentOperation(MigrationStatus::deploy);
   status_->saveFile();
-  logger().notice("Copying agent " + config_->agentName +
-                  " to the remote host.");
+  logger().notice("Copying agent " + cfg().agentName + " to the remote host.");
   // A catalogue that cannot be read fails the step like any other error.
   try {
     sendAgent();
@@ -48,7 +47,7 @@ void SendAgentAction::execute() {
   status_->setAgentOperation(MigrationStatus::wait);
   status_->saveFile();
   logger().notice("Getting agent deployment status");
-  requestStatus(*theAgentsFactory().getAgent(config_->agentName));
+  requestStatus(*theAgentsFactory().getAgent(cfg().agentName));
 }
 
 void SendAgentAction::sendAgent() {
@@ -58,9 +57,9 @@ void SendAgentAction::sendAgent() {
   const fs::path shared = catalogue / AGENTS_SHARED_DIR;
   if (!fs::exists(shared)) TOVEL_THROW(NoSharedAgentsDirectory);
   sendTree(shared, remote);
-  const fs::path agentFiles = catalogue / config_->agentName;
+  const fs::path agentFiles = catalogue / cfg().agentName;
   if (!fs::exists(agentFiles)) {
-    TOVEL_THROW(NoAgentDirectory) % config_->agentName;
+    TOVEL_THROW(NoAgentDirectory) % cfg().agentName;
   }
   sendTree(agentFiles, remote);
 }
@@ -88,7 +87,7 @@ bool SendAgentAction::sendFile(const fs::path& walkRoot, const fs::path& local,
   prepareRemoteDirectory(AgentCommands::makeDir(remote.string()),
                          remote.string());
   // Files are uploaded as the login, which must be able to write here.
-  prepareRemoteDirectory(AgentCommands::giveTo(config_->login, remote.string()),
+  prepareRemoteDirectory(AgentCommands::giveTo(cfg().login, remote.string()),
                          remote.string());
   return true;
 }
@@ -106,7 +105,7 @@ void SendAgentAction::prepareRemoteDirectory(const std::string& command,
 void SendAgentAction::requestStatus(const Agent& agent) {
   const AgentCommands commands = agentCommands();
   const std::string entryPoint = commands.entryPoint(agent);
-  const std::string local = theSession->getDeploymentStatusFileName();
+  const std::string local = session().getDeploymentStatusFileName();
   std::ofstream file(local.c_str(), std::ios::binary | std::ios::trunc);
   if (!file) {
     logger().error("Unable to create " + local + ": " + strerror(errno));

@@ -22,7 +22,7 @@ class Agent;
 // answer in the session's "agent-deployment.status".
 class SendAgentAction : public Action {
  public:
-  SendAgentAction() : Action(true) {}
+  explicit SendAgentAction(const RunContext& run) : Action(run, true) {}
 
   // Throws NoSharedAgentsDirectory, NoAgentDirectory,
   // CantCreateAgentDirectory, CantRequestAgentStatus, LocalFileError when

@@ -13,7 +13,7 @@ void SendScoutAction::execute() {
   std::string scoutPath = files::getScoutFileName();
   std::ifstream scout(scoutPath.c_str(), std::ios::binary);
   if (!scout) TOVEL_THROW(UnableToOpenScoutFile) % scoutPath;
-  std::string resultPath = theSession->getScoutResultFileName();
+  std::string resultPath = session().getScoutResultFileName();
   std::ofstream result(resultPath.c_str(), std::ios::binary | std::ios::trunc);
   if (!result) TOVEL_THROW(StreamWrite);
   CappedOutput err;

@@ -16,7 +16,7 @@ TOVEL_DECLARE_TAG(FailedToExecuteScout)
 // result.
 class SendScoutAction : public Action {
  public:
-  SendScoutAction() : Action(true) {}
+  explicit SendScoutAction(const RunContext& run) : Action(run, true) {}
   // Throws UnableToOpenScoutFile before connecting when the local script
   // cannot be read, FailedToExecuteScout (status and standard error) when
   // the scout fails; the result file then keeps what was written.

@@ -83,6 +83,8 @@ TerminalProgressView::TerminalProgressView(std::ostream& out, int width,
                                            Clock clock)
     : out_(out), width_(width), clock_(clock) {}
 
+TerminalProgressView::~TerminalProgressView() { finish(); }
+
 void TerminalProgressView::transferProgress(const TransferFigures& figures) {
   if (finished_) return;
   bool filesChanged = !drawn_ || figures.filesLeft != latest_.filesLeft;
@@ -114,19 +116,10 @@ void TerminalProgressView::draw() {
   lastDraw_ = clock_();
 }
 
-// --- TerminalProgressController --------------------------------------------
-
-TerminalProgressController::TerminalProgressController(bool enabled) {
-  if (!enabled) return;
-  view_.reset(new TerminalProgressView(std::cerr, terminalWidth()));
-  previous_ = theTransferProgressListener;
-  theTransferProgressListener = view_.get();
-}
-
-TerminalProgressController::~TerminalProgressController() {
-  if (!view_) return;
-  theTransferProgressListener = previous_;
-  view_->finish();
+std::unique_ptr<TerminalProgressView> progressLineOnStandardError(
+    bool enabled) {
+  if (!enabled) return nullptr;
+  return std::make_unique<TerminalProgressView>(std::cerr, terminalWidth());
 }
 
 bool standardErrorIsTerminal() { return isatty(STDERR_FILENO) == 1; }

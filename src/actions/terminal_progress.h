@@ -39,6 +39,10 @@ class TerminalProgressView : public TransferProgressListener {
 
   TerminalProgressView(std::ostream& out, int width,
                        Clock clock = &std::chrono::steady_clock::now);
+  // Finishes the line (see finish()).
+  ~TerminalProgressView() override;
+  TerminalProgressView(const TerminalProgressView&) = delete;
+  TerminalProgressView& operator=(const TerminalProgressView&) = delete;
 
   void transferProgress(const TransferFigures& figures) override;
 
@@ -60,21 +64,9 @@ class TerminalProgressView : public TransferProgressListener {
   std::chrono::steady_clock::time_point lastDraw_;
 };
 
-// While it lives, and only when enabled, a TerminalProgressView on standard
-// error (as wide as the terminal) is theTransferProgressListener. The
-// destructor ends the line and restores the previous listener.
-class TerminalProgressController {
- public:
-  explicit TerminalProgressController(bool enabled);
-  ~TerminalProgressController();
-  TerminalProgressController(const TerminalProgressController&) = delete;
-  TerminalProgressController& operator=(const TerminalProgressController&) =
-      delete;
-
- private:
-  std::unique_ptr<TerminalProgressView> view_;
-  TransferProgressListener* previous_ = nullptr;
-};
+// A view on standard error, as wide as the terminal, when enabled; null
+// otherwise.
+std::unique_ptr<TerminalProgressView> progressLineOnStandardError(bool enabled);
 
 // True when standard error is a terminal.
 bool standardErrorIsTerminal();

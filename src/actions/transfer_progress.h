@@ -24,12 +24,6 @@ class TransferProgressListener {
   virtual void transferProgress(const TransferFigures& figures) = 0;
 };
 
-// The process's watcher; null (the default) when there is none. Not owned.
-extern TransferProgressListener* theTransferProgressListener;
-
-// Hands figures to theTransferProgressListener, if any.
-void reportTransferProgress(const TransferFigures& figures);
-
 }  // namespace tovel
 
 #endif  // FERROW_ACTIONS_TRANSFER_PROGRESS_H_

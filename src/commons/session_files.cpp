@@ -15,8 +15,6 @@ namespace fs = boost::filesystem;
 
 namespace tovel {
 
-SessionFiles* theSession = nullptr;
-
 namespace {
 
 const mode_t kSessionDirMode = 0750;
@@ -114,15 +112,5 @@ AccountIds SessionFiles::getDocumentOwner() const {
 }
 
 void SessionFiles::remove() { fs::remove_all(path_); }
-
-// The controller is the owner of theSession.
-SessionLifetimeController::SessionLifetimeController(const std::string& path) {
-  theSession = new SessionFiles(path);
-}
-
-SessionLifetimeController::~SessionLifetimeController() {
-  delete theSession;
-  theSession = nullptr;
-}
 
 }  // namespace tovel

@@ -46,20 +46,6 @@ class SessionFiles {
   std::string path_;
 };
 
-// The session of this run; null outside the controller's lifetime.
-extern SessionFiles* theSession;
-
-// Owns theSession for its lifetime.
-class SessionLifetimeController {
- public:
-  // Throws what SessionFiles throws; theSession then stays null.
-  explicit SessionLifetimeController(const std::string& path);
-  ~SessionLifetimeController();
-  SessionLifetimeController(const SessionLifetimeController&) = delete;
-  SessionLifetimeController& operator=(const SessionLifetimeController&) =
-      delete;
-};
-
 }  // namespace tovel
 
 TOVEL_EXC_TRAITS(&tovel::UnableToCreateSession, "UnableToCreateSession",

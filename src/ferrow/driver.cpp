@@ -14,11 +14,8 @@
 #include "actions/send_scout_action.h"
 #include "actions/terminal_progress.h"
 #include "commons/dyr_conf.h"
-#include "commons/session_files.h"
 #include "ferrow/dump_options.h"
 #include "ferrow/options.h"
-#include "log/debug_log.h"
-#include "log/run_log.h"
 #include "log/start_stop_logger.h"
 #include "transport/host_key_check.h"
 #include "transport/libssh2_errors.h"
@@ -47,30 +44,32 @@ const ExitCodeRow kExitCodes[] = {
     {isA<&SshHostKeyVerificationFailed>, 19},
 };
 
-int runAction(CommandLine& cfg) {
+int runAction(CommandLine& cfg, const SessionFiles& session, DebugLog& debugLog,
+              Log& runRecord) {
   readStandardInputList(cfg, std::cin);
-  std::unique_ptr<Action> action = getActionById(cfg);
   // A person at a terminal gets a progress line; the panel reads standard
   // error through a pipe and sees the usual output only.
-  TerminalProgressController progress(
+  std::unique_ptr<TerminalProgressView> progress = progressLineOnStandardError(
       cfg.action == kGetContent && !cfg.verbose && standardErrorIsTerminal());
+  const RunContext run{cfg, session, runRecord, debugLog, progress.get()};
+  std::unique_ptr<Action> action = getActionById(cfg, run);
   action->execute();
-  theLog->setSuccess(true);
+  runRecord.setSuccess(true);
   return 0;
 }
 
 int runSession(int argc, char** argv, CommandLine& cfg) {
-  SessionLifetimeController session(cfg.sessionPath);
-  DebugLogLifetimeController debugLog(false, cfg.verbose);
-  StartStopLogger startStop("Ferrow", argc, argv);
+  const SessionFiles session(cfg.sessionPath);
+  RunDebugLog debugLog(session.getLogFileName(), false, cfg.verbose);
+  StartStopLogger startStop(debugLog, "Ferrow", argc, argv);
   try {
     verify_options(&cfg);
   } catch (const Exc<&::OptParsingError>& e) {
-    theDebugLog->log(e);
+    debugLog.log(e);
     startStop.setExitCode(1);
     return 1;
   }
-  int code = do_actions(cfg);
+  int code = do_actions(cfg, session, debugLog);
   startStop.setExitCode(code);
   return code;
 }
@@ -99,18 +98,19 @@ int exitCodeFor(const ExTraceable& e) {
   return 2;
 }
 
-int do_actions(CommandLine& cfg) {
-  LogLifetimeController runRecord(getLogName(cfg));
+int do_actions(CommandLine& cfg, const SessionFiles& session,
+               DebugLog& debugLog) {
+  XmlLog runRecord(session, getLogName(cfg), debugLog);
   try {
-    return runAction(cfg);
+    return runAction(cfg, session, debugLog, runRecord);
   } catch (const MigrationTerminatedException& e) {
-    theLog->setSuccess(true);
-    theDebugLog->log(std::string(e.what()));
+    runRecord.setSuccess(true);
+    debugLog.log(std::string(e.what()));
     std::cout << e.what() << std::flush;
     return 0;
   } catch (const ExTraceable& e) {
-    theDebugLog->log(e);
-    theLog->log(e);
+    debugLog.log(e);
+    runRecord.log(e);
     std::cerr << e.what() << std::flush;
     return exitCodeFor(e);
   }
@@ -136,36 +136,35 @@ int real_main(int argc, char** argv) {
   return runSession(argc, argv, cfg);
 }
 
-Action* getActionByIdInternal(const CommandLine& cfg) {
+Action* getActionByIdInternal(const CommandLine& cfg, const RunContext& run) {
   switch (cfg.action) {
     case kSendScout:
-      return new SendScoutAction();
+      return new SendScoutAction(run);
     case kDeployAgent:
-      return new SendAgentAction();
+      return new SendAgentAction(run);
     case kGetDumpingStatus:
-      return new GetDumpingStatusAction();
+      return new GetDumpingStatusAction(run);
     case kDumpSelected:
     case kDumpAll: {
       std::vector<std::string> arguments;
       std::string input;
       buildDumpArguments(cfg, arguments, input);
-      return new RetrieveDumpAction(arguments, input);
+      return new RetrieveDumpAction(run, arguments, input);
     }
     case kGetContent:
-      return new RetrieveContentAction();
+      return new RetrieveContentAction(run);
     case kRemoveAgent:
-      return new RemoveAgentAction();
+      return new RemoveAgentAction(run);
     case kRemoveDumpingStatus:
-      return new RemoveDumpingStatusAction();
+      return new RemoveDumpingStatusAction(run);
     default:
       TOVEL_THROW(UnknownAction);
   }
 }
 
-std::unique_ptr<Action> getActionById(const CommandLine& cfg) {
-  std::unique_ptr<Action> action(getActionByIdInternal(cfg));
-  action->setConfig(&cfg);
-  return action;
+std::unique_ptr<Action> getActionById(const CommandLine& cfg,
+                                      const RunContext& run) {
+  return std::unique_ptr<Action>(getActionByIdInternal(cfg, run));
 }
 
 std::string getLogName(const CommandLine& cfg) {

@@ -15,6 +15,7 @@
 #include <string>
 
 #include "actions/action.h"
+#include "actions/run_context.h"
 #include "errors/ex_traceable.h"
 #include "errors/exc.h"
 #include "ferrow/command_line.h"
@@ -24,13 +25,14 @@ namespace tovel {
 // The factory was asked for an id that has no action.
 TOVEL_DECLARE_TAG(UnknownAction)
 
-// The whole run; returns the exit code. Throws only what escapes the
-// controllers (main catches it).
+// The whole run; returns the exit code. Throws only what escapes the run's
+// objects and the action (main catches it).
 int real_main(int argc, char** argv);
 
-// Runs the action of cfg under the run record; returns its exit code.
-// Exceptions outside the ExTraceable family pass through.
-int do_actions(CommandLine& cfg);
+// Runs the action of cfg under a new run record of session; returns its
+// exit code. Exceptions outside the ExTraceable family pass through.
+int do_actions(CommandLine& cfg, const SessionFiles& session,
+               DebugLog& debugLog);
 
 // The exit code of a failure of the family: 11 to 18 for the connection
 // failures listed above, also when an action wrapped one (the outermost
@@ -41,10 +43,13 @@ int exitCodeFor(const ExTraceable& e);
 // order) whose value is "-" by one line read from in; a later "-" is kept.
 void readStandardInputList(CommandLine& cfg, std::istream& in);
 
-// The action for cfg.action, configured with cfg (which must outlive it).
-// Throws Exc<&UnknownAction> for an id without an action.
-std::unique_ptr<Action> getActionById(const CommandLine& cfg);
-Action* getActionByIdInternal(const CommandLine& cfg);
+// The action for cfg.action, made with run (whose objects, cfg normally
+// among them, must outlive it); the dump selection is read from cfg.
+// Throws Exc<&UnknownAction> for an id without an action, and what
+// buildDumpArguments throws.
+std::unique_ptr<Action> getActionById(const CommandLine& cfg,
+                                      const RunContext& run);
+Action* getActionByIdInternal(const CommandLine& cfg, const RunContext& run);
 
 // "transfer.result" for "--get-content", else "" (the default record name).
 std::string getLogName(const CommandLine& cfg);

@@ -2,8 +2,6 @@
 
 #include <string>
 
-#include "errors/ex_traceable.h"
-#include "log/debug_log.h"
 #include "xml/xml_document.h"
 #include "xml/xml_xpath.h"
 
@@ -17,12 +15,6 @@ class tFerrowXmlDocument : public tXmlDocument {
       : tXmlDocument(file.c_str()) {}
 };
 
-// A failure on one name node is logged and the walk goes on, so that one
-// odd node does not cost the whole selection.
-void xmlErrorFunc(const ExTraceable& e) {
-  if (theDebugLog) theDebugLog->log(e);
-}
-
 // Appends the text of each visited node to a ","-separated list.
 class tPeriodSeparatedListOperator : public tXmlOperator {
  public:
@@ -30,14 +22,10 @@ class tPeriodSeparatedListOperator : public tXmlOperator {
       : target_(target) {}
 
   void operator()(xmlNodePtr node) override {
-    try {
-      if (node->content == nullptr) return;
-      if (count_ > 0) target_ += ",";
-      target_ += reinterpret_cast<const char*>(node->content);
-      ++count_;
-    } catch (const ExTraceable& e) {
-      xmlErrorFunc(e);
-    }
+    if (node->content == nullptr) return;
+    if (count_ > 0) target_ += ",";
+    target_ += reinterpret_cast<const char*>(node->content);
+    ++count_;
   }
 
  private:

@@ -11,12 +11,9 @@
 
 #include "commons/host_log.h"
 #include "commons/product_paths.h"
-#include "commons/session_files.h"
 #include "errors/text_msg_formatter.h"
 
 namespace tovel {
-
-DebugLog* theDebugLog = nullptr;
 
 namespace {
 
@@ -90,10 +87,9 @@ void Log4cppDebugLog::log(const ExTraceable& e) {
   debugCategory().info(formatPlainTextMessage(e));
 }
 
-void initializeLog4Cpp(bool verbose) {
+void initializeLog4Cpp(const std::string& logFileName, bool verbose) {
   if (log4cppInitialized) return;
-  std::map<std::string, std::string> values = {
-      {"LOG_FILE_NAME", theSession->getLogFileName()}};
+  std::map<std::string, std::string> values = {{"LOG_FILE_NAME", logFileName}};
   configureFromText(
       substitute(readWholeFile(files::getQvtLogConfigFileName()), values));
   if (!verbose) {
@@ -105,19 +101,15 @@ void initializeLog4Cpp(bool verbose) {
   log4cppInitialized = true;
 }
 
-DebugLogLifetimeController::DebugLogLifetimeController(bool debug,
-                                                       bool verbose) {
-  initializeLog4Cpp(verbose);
-  log_.reset(new Log4cppDebugLog(verbose, debug ? !verbose : false));
-  theDebugLog = log_.get();
+RunDebugLog::RunDebugLog(const std::string& logFileName, bool debug,
+                         bool verbose)
+    : Log4cppDebugLog(verbose, debug ? !verbose : false) {
+  initializeLog4Cpp(logFileName, verbose);
   setHostLogSink([](HostLogLevel level, const std::string& text) {
     log4cpp::Category::getInstance("p.host").log(hostLogPriority(level), text);
   });
 }
 
-DebugLogLifetimeController::~DebugLogLifetimeController() {
-  setHostLogSink(HostLogSink());
-  theDebugLog = nullptr;
-}
+RunDebugLog::~RunDebugLog() { setHostLogSink(HostLogSink()); }
 
 }  // namespace tovel

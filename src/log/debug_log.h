@@ -4,7 +4,6 @@
 #define FERROW_LOG_DEBUG_LOG_H_
 
 #include <boost/format.hpp>
-#include <memory>
 #include <string>
 
 #include "errors/ex_traceable.h"
@@ -38,28 +37,24 @@ class Log4cppDebugLog : public DebugLog {
   bool verbose_;
 };
 
-// The debug log of this run; null outside the controller's lifetime.
-extern DebugLog* theDebugLog;
-
 // Configures log4cpp once per process from the product's properties file
-// (files::getQvtLogConfigFileName()), with ${LOG_FILE_NAME} standing for the
-// session's log file; unless verbose, removes the root appender "A2" (the
-// console). Needs theSession. Throws log4cpp::ConfigureFailure when the
-// properties file is missing or wrong.
-void initializeLog4Cpp(bool verbose);
+// (files::getQvtLogConfigFileName()), with ${LOG_FILE_NAME} standing for
+// logFileName; unless verbose, removes the root appender "A2" (the
+// console). Throws log4cpp::ConfigureFailure when the properties file is
+// missing or wrong.
+void initializeLog4Cpp(const std::string& logFileName, bool verbose);
 
-// Owns theDebugLog; also routes the host utility log into log4cpp
-// ("p.host"), replaying what was logged before.
-class DebugLogLifetimeController {
+// The debug log of a run: writes into logFileName (the session's
+// "migration.log") through log4cpp, configured on construction as above,
+// and routes the host utility log into log4cpp ("p.host"), replaying what
+// was logged before, until destroyed. Throws what initializeLog4Cpp
+// throws.
+class RunDebugLog : public Log4cppDebugLog {
  public:
-  DebugLogLifetimeController(bool debug, bool verbose);
-  ~DebugLogLifetimeController();
-  DebugLogLifetimeController(const DebugLogLifetimeController&) = delete;
-  DebugLogLifetimeController& operator=(const DebugLogLifetimeController&) =
-      delete;
-
- private:
-  std::unique_ptr<DebugLog> log_;
+  RunDebugLog(const std::string& logFileName, bool debug, bool verbose);
+  ~RunDebugLog() override;
+  RunDebugLog(const RunDebugLog&) = delete;
+  RunDebugLog& operator=(const RunDebugLog&) = delete;
 };
 
 }  // namespace tovel

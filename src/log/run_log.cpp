@@ -8,15 +8,11 @@
 #include <cstring>
 
 #include "commons/host_log.h"
-#include "commons/session_files.h"
 #include "errors/text_msg_formatter.h"
-#include "log/debug_log.h"
 #include "xml/xml_msg_formatter.h"
 #include "xml/xml_node.h"
 
 namespace tovel {
-
-Log* theLog = nullptr;
 
 namespace {
 
@@ -38,20 +34,19 @@ void keepEarlierRecord(const std::string& name) {
   }
 }
 
-std::string recordName(const std::string& logName) {
-  if (logName.empty()) return theSession->getResultFileName();
-  return theSession->getDir() + "/" + logName;
-}
-
-void reportUnsavedRecord(const std::string& text) {
-  if (theDebugLog) theDebugLog->log(text);
-  hostLog(HostLogLevel::kError, "%s", text.c_str());
+std::string recordName(const SessionFiles& session,
+                       const std::string& logName) {
+  if (logName.empty()) return session.getResultFileName();
+  return session.getDir() + "/" + logName;
 }
 
 }  // namespace
 
-XmlLog::XmlLog(const std::string& logName)
-    : fileName_(recordName(logName)), owner_(theSession->getDocumentOwner()) {
+XmlLog::XmlLog(const SessionFiles& session, const std::string& logName,
+               DebugLog& debugLog)
+    : fileName_(recordName(session, logName)),
+      owner_(session.getDocumentOwner()),
+      debugLog_(debugLog) {
   initNewDoc("execution-result");
   current_ = getRoot();
   hasError_.push_back(true);
@@ -59,16 +54,19 @@ XmlLog::XmlLog(const std::string& logName)
 }
 
 XmlLog::~XmlLog() {
+  std::string failure;
   try {
     addAttribute(getRoot(), "status", success_ ? "success" : "error");
     saveToFileAtomically(fileName_, owner_);
+    return;
   } catch (const ExTraceable& e) {
-    reportUnsavedRecord("Unable to save the run record: " +
-                        formatPlainTextMessage(e));
+    failure = formatPlainTextMessage(e);
   } catch (const std::exception& e) {
-    reportUnsavedRecord(std::string("Unable to save the run record: ") +
-                        e.what());
+    failure = e.what();
   }
+  const std::string text = "Unable to save the run record: " + failure;
+  debugLog_.log(text);
+  hostLog(HostLogLevel::kError, "%s", text.c_str());
 }
 
 void XmlLog::log(const ExTraceable& e) {
@@ -103,15 +101,5 @@ void XmlLog::popObject() {
 }
 
 int XmlLog::getDepth() const { return static_cast<int>(hasError_.size()) - 1; }
-
-LogLifetimeController::LogLifetimeController(const std::string& logName)
-    : log_(new XmlLog(logName)) {
-  theLog = log_.get();
-}
-
-LogLifetimeController::~LogLifetimeController() {
-  theLog = nullptr;
-  log_.reset();
-}
 
 }  // namespace tovel

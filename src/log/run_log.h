@@ -6,12 +6,13 @@
 
 #include <libxml/tree.h>
 
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "commons/accounts.h"
+#include "commons/session_files.h"
 #include "errors/ex_traceable.h"
+#include "log/debug_log.h"
 #include "xml/xml_document.h"
 
 namespace tovel {
@@ -36,10 +37,11 @@ class XmlLog : public Log, public tXmlQvtDocument {
  public:
   // The record goes to the session's "migration.result" when logName is
   // empty, else to the session directory + "/" + logName, and is handed to
-  // the session's document owner. An existing file
-  // of that name is first renamed to the first free name among
-  // name.1, name.2, ... Throws what the XML layer throws.
-  explicit XmlLog(const std::string& logName);
+  // the session's document owner. An existing file of that name is first
+  // renamed to the first free name among name.1, name.2, ... Throws what
+  // the XML layer throws. debugLog must outlive the record.
+  XmlLog(const SessionFiles& session, const std::string& logName,
+         DebugLog& debugLog);
   // Sets the root's "status" to "success" or "error" and saves the record
   // atomically; a failure to save is written to the debug log, never thrown.
   ~XmlLog() override;
@@ -56,23 +58,9 @@ class XmlLog : public Log, public tXmlQvtDocument {
   bool success_ = false;
   std::string fileName_;
   AccountIds owner_;
+  DebugLog& debugLog_;
   xmlNodePtr current_ = nullptr;
   std::vector<bool> hasError_;
-};
-
-// The run record of this run; null outside the controller's lifetime.
-extern Log* theLog;
-
-// Owns theLog; its destruction writes the record.
-class LogLifetimeController {
- public:
-  explicit LogLifetimeController(const std::string& logName);
-  ~LogLifetimeController();
-  LogLifetimeController(const LogLifetimeController&) = delete;
-  LogLifetimeController& operator=(const LogLifetimeController&) = delete;
-
- private:
-  std::unique_ptr<XmlLog> log_;
 };
 
 }  // namespace tovel

@@ -5,16 +5,15 @@
 #include <boost/format.hpp>
 
 #include "commons/arg_list.h"
-#include "log/debug_log.h"
 
 namespace tovel {
 
-StartStopLogger::StartStopLogger(const std::string& name, int argc,
-                                 char* const* argv)
-    : name_(name), pid_(getpid()) {
+StartStopLogger::StartStopLogger(DebugLog& debugLog, const std::string& name,
+                                 int argc, char* const* argv)
+    : debugLog_(debugLog), name_(name), pid_(getpid()) {
   ArgList args;
   for (int i = 0; i < argc; ++i) args << argv[i];
-  theDebugLog->log(name_ + " started : " + args.getStringRepresentation());
+  debugLog_.log(name_ + " started : " + args.getStringRepresentation());
   registration_ = childDaemonHandlers.insert(childDaemonHandlers.end(),
                                              [this] { daemonized(); });
 }
@@ -24,12 +23,12 @@ StartStopLogger::~StartStopLogger() {
   std::string code = exitCode_ == -1
                          ? std::string(" (exit code is not reported)")
                          : "Exit code: " + std::to_string(exitCode_);
-  if (theDebugLog) theDebugLog->log(name_ + " finished. " + code);
+  debugLog_.log(name_ + " finished. " + code);
 }
 
 void StartStopLogger::daemonized() {
-  theDebugLog->log(boost::format("%1% %2% -> (%3% daemon)") % name_ % pid_ %
-                   getpid());
+  debugLog_.log(boost::format("%1% %2% -> (%3% daemon)") % name_ % pid_ %
+                getpid());
 }
 
 }  // namespace tovel

@@ -9,14 +9,16 @@
 #include <string>
 
 #include "commons/daemon_handlers.h"
+#include "log/debug_log.h"
 
 namespace tovel {
 
 class StartStopLogger {
  public:
-  // Writes the start line to theDebugLog (which must exist) and registers
-  // with childDaemonHandlers until destroyed.
-  StartStopLogger(const std::string& name, int argc, char* const* argv);
+  // Writes the start line to debugLog (which must outlive the logger) and
+  // registers with childDaemonHandlers until destroyed.
+  StartStopLogger(DebugLog& debugLog, const std::string& name, int argc,
+                  char* const* argv);
   // Writes the finish line; without setExitCode it ends with
   // "  (exit code is not reported)".
   ~StartStopLogger();
@@ -29,6 +31,7 @@ class StartStopLogger {
   void daemonized();
 
  private:
+  DebugLog& debugLog_;
   std::string name_;
   pid_t pid_;
   int exitCode_ = -1;

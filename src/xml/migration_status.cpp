@@ -2,12 +2,13 @@
 
 #include <unistd.h>
 
-#include "commons/session_files.h"
-#include "xml/xml_errors.h"
-
 namespace tovel {
 
-XmlMigrationStatus::XmlMigrationStatus() { initNewDoc("migration-status"); }
+XmlMigrationStatus::XmlMigrationStatus(const std::string& fileName,
+                                       const AccountIds& owner)
+    : fileName_(fileName), owner_(owner) {
+  initNewDoc("migration-status");
+}
 
 void XmlMigrationStatus::setIdle() { state_ = kIdle; }
 
@@ -87,9 +88,7 @@ void XmlMigrationStatus::saveFile() {
   newTextChild(nullptr, "pid", pid_);
   clearRoot();
   buildContent();
-  TOVEL_XML_ASSERT(theSession != NULL);
-  saveToFileAtomically(theSession->getStatusFileName(),
-                       theSession->getDocumentOwner());
+  saveToFileAtomically(fileName_, owner_);
 }
 
 // Only the children go: the deploy phase's root attributes stay, with their
@@ -165,8 +164,9 @@ void XmlMigrationStatus::buildDeploy() {
                currentObjectType_ == account ? "account" : "domain");
 }
 
-std::unique_ptr<MigrationStatus> createMigrationStatusFile() {
-  return std::make_unique<XmlMigrationStatus>();
+std::unique_ptr<MigrationStatus> createMigrationStatusFile(
+    const std::string& fileName, const AccountIds& owner) {
+  return std::make_unique<XmlMigrationStatus>(fileName, owner);
 }
 
 }  // namespace tovel

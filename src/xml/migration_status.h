@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include "commons/accounts.h"
 #include "xml/xml_document.h"
 
 namespace tovel {
@@ -47,15 +48,16 @@ class MigrationStatus {
   virtual void setCurrentObject(const std::string& name, objectType type) = 0;
   // Shows "translate".
   virtual void setTranslate() = 0;
-  // Rewrites the status file of theSession atomically, handed to the
-  // session's document owner. Throws the document layer's save errors.
+  // Rewrites the status file atomically, handed to its owner. Throws the
+  // document layer's save errors.
   virtual void saveFile() = 0;
 };
 
 class XmlMigrationStatus : public tXmlQvtDocument, public MigrationStatus {
  public:
-  // An empty "migration-status" document showing idle.
-  XmlMigrationStatus();
+  // An empty "migration-status" document showing idle, saved to fileName
+  // and handed to owner.
+  XmlMigrationStatus(const std::string& fileName, const AccountIds& owner);
 
   void setIdle() override;
   void setAgentParams(const std::string& host) override;
@@ -75,7 +77,6 @@ class XmlMigrationStatus : public tXmlQvtDocument, public MigrationStatus {
                  const std::string& domains) override;
   void setCurrentObject(const std::string& name, objectType type) override;
   void setTranslate() override;
-  // Throws AssertionFailed when theSession is null.
   void saveFile() override;
 
  private:
@@ -95,6 +96,8 @@ class XmlMigrationStatus : public tXmlQvtDocument, public MigrationStatus {
   void buildFiles(xmlNodePtr transfer);
   void buildDeploy();
 
+  const std::string fileName_;
+  const AccountIds owner_;
   State state_ = kIdle;
   agentOperation agentOperation_ = deploy;
   std::string pid_;
@@ -109,8 +112,10 @@ class XmlMigrationStatus : public tXmlQvtDocument, public MigrationStatus {
   objectType currentObjectType_ = account;
 };
 
-// A new status document showing idle, owned by the caller.
-std::unique_ptr<MigrationStatus> createMigrationStatusFile();
+// A new status document showing idle, owned by the caller; see
+// XmlMigrationStatus.
+std::unique_ptr<MigrationStatus> createMigrationStatusFile(
+    const std::string& fileName, const AccountIds& owner);
 
 }  // namespace tovel
 

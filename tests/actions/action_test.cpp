@@ -46,7 +46,7 @@ using ::testing::HasSubstr;
 
 class TestAction : public Action {
  public:
-  TestAction() : Action(false) {}
+  explicit TestAction(const RunContext& run) : Action(run, false) {}
   void execute() override {}
   using Action::getSsh;
   using Action::takeFile;
@@ -61,17 +61,6 @@ class TestAction : public Action {
   }
 };
 
-struct FakeLog : Log {
-  void setSuccess(bool) override {}
-  void log(const ExTraceable& e) override {
-    entries.push_back(e.code() + ": " + e.what());
-  }
-  void pushObject(const std::string&, const std::string&) override {}
-  void popObject() override {}
-  int getDepth() const override { return 0; }
-  std::vector<std::string> entries;
-};
-
 // A private installation (dyr.conf, agent catalogue, session), an existing
 // remote agent directory, and a root login.
 class ActionTest : public ::testing::Test {
@@ -82,23 +71,20 @@ class ActionTest : public ::testing::Test {
     writeFile(path("dyr.conf"), "PRODUCT_ROOT_D " + path("product") + "\n");
     dyrConfResetForTesting(path("dyr.conf").c_str());
     session_ = std::make_unique<SessionFiles>(path("session"));
-    theSession = session_.get();
-    theLog = &log_;
+    record_ = std::make_unique<XmlLog>(*session_, "", debugLog_);
     configure(ferrow_test::rootAccount(), false);
     cfg_.agentDir = path("agent");
     cfg_.sessionPath = session_->getDir();
     fs::create_directories(cfg_.agentDir);
+    action_ = std::make_unique<TestAction>(context());
   }
-  void TearDown() override {
-    theSession = nullptr;
-    theLog = nullptr;
-    theDebugLog = nullptr;
-    dyrConfResetForTesting(nullptr);
+  void TearDown() override { dyrConfResetForTesting(nullptr); }
+  RunContext context() {
+    return {cfg_, *session_, *record_, debugLog_, nullptr};
   }
   void configure(const ferrow_test::TestAccount& account, bool sudo) {
     const std::string none;  // root's sudo asks for no password
     ferrow_test::loginAs(&cfg_, account, sudo, &none);
-    action_.setConfig(&cfg_);
   }
   std::string path(const std::string& name) const {
     return dir_.path() + "/" + name;
@@ -131,8 +117,9 @@ class ActionTest : public ::testing::Test {
   ferrow_test::TempDir dir_;
   std::unique_ptr<SessionFiles> session_;
   config cfg_;
-  FakeLog log_;
-  TestAction action_;
+  Log4cppDebugLog debugLog_{false, false};
+  std::unique_ptr<XmlLog> record_;
+  std::unique_ptr<TestAction> action_;
 };
 
 TEST_F(ActionTest, RootCommandsAsRootOrThroughSudoWithThePasswordLineFirst) {
@@ -143,18 +130,18 @@ TEST_F(ActionTest, RootCommandsAsRootOrThroughSudoWithThePasswordLineFirst) {
       count += line.rfind("Executing ", 0) == 0;
     return count;
   };
-  EXPECT_EQ(action_.run(true, "id -u") + action_.run(false, "id -u"), "0\n0\n");
+  EXPECT_EQ(action_->run(true, "id -u") + action_->run(false, "id -u"),
+            "0\n0\n");
   EXPECT_EQ(executed(), 2u);  // no sudo for a root login
   // root's own sudo asks for no password: the input, one byte here (a
   // chunk of one), reaches the command once.
   configure(ferrow_test::rootAccount(), true);
-  EXPECT_EQ(action_.run(true, "head -c 2", "z"), "z");
+  EXPECT_EQ(action_->run(true, "head -c 2", "z"), "z");
 
   const passwd* user = getpwnam(ferrow_test::sudoAccount().name.c_str());
   ferrow_test::loginAs(&cfg_, ferrow_test::sudoAccount(), true);
   cfg_.agentDir = path("agent");
-  TestAction sudo;
-  sudo.setConfig(&cfg_);
+  TestAction sudo(context());
   log = std::make_unique<ferrow_test::LogCapture>("p.Ssh");
   EXPECT_EQ(sudo.run(true, "cat", "first\nsecond"), "first\nsecond");
   EXPECT_EQ(sudo.run(true, "head -c 2", "z"), "z");  // after the password
@@ -171,7 +158,7 @@ TEST_F(ActionTest, RootCommandsAsRootOrThroughSudoWithThePasswordLineFirst) {
 TEST_F(ActionTest, StatusPullsKeepTheLastGoodAndADumpPullsOnceAfter5s) {
   const std::string local = session_->getDumpingStatusFileName();
   const std::string remote = this->remote("dumping-status.xml");
-  DumpingStatusPull pull(*action_.getSsh(), remote, local);
+  DumpingStatusPull pull(*action_->getSsh(), remote, local);
   writeFile(local, "<status n='0'/>");
   EXPECT_TRUE(pull());  // nothing on the source yet: the last good copy stays
   EXPECT_EQ(readFile(local), "<status n='0'/>");
@@ -179,10 +166,9 @@ TEST_F(ActionTest, StatusPullsKeepTheLastGoodAndADumpPullsOnceAfter5s) {
   EXPECT_TRUE(pull());
   EXPECT_EQ(readFile(local), "<status n='1'/>");
   // A copy that cannot be kept ends the pulls.
-  EXPECT_FALSE(DumpingStatusPull(*action_.getSsh(), remote, path("no/s"))());
+  EXPECT_FALSE(DumpingStatusPull(*action_->getSsh(), remote, path("no/s"))());
 
-  RemoveDumpingStatusAction remove;
-  remove.setConfig(&cfg_);
+  RemoveDumpingStatusAction remove(context());
   remove.execute();
   remove.execute();  // nothing left: no error
   EXPECT_FALSE(fileExists(remote));
@@ -200,8 +186,7 @@ TEST_F(ActionTest, StatusPullsKeepTheLastGoodAndADumpPullsOnceAfter5s) {
   struct : RetrieveDumpAction {
     using Action::execUser;
     using RetrieveDumpAction::RetrieveDumpAction;
-  } dump{{"--odd word; $(x) 'q'"}, "a.example\n"};
-  dump.setConfig(&cfg_);
+  } dump{context(), {"--odd word; $(x) 'q'"}, "a.example\n"};
   ferrow_test::LogCapture ssh("p.Ssh");
   dump.execute();
   EXPECT_EQ(readFile(this->remote("argv.txt")),
@@ -249,8 +234,7 @@ class RetrieveContentActionTest : public ActionTest {
     list_.clear();
   }
   std::string run() {
-    RetrieveContentAction action;
-    action.setConfig(&cfg_);
+    RetrieveContentAction action(context());
     action.execute();
     return ferrow_test::compactXml(readFile(session_->getStatusFileName()));
   }
@@ -348,8 +332,6 @@ TEST_F(RetrieveContentActionTest, RemovalFailureIsOnlyLogged) {
   list_ = "<file size=\"" + std::to_string(version.size()) +
           "\">proc/version</file>";
   writeList(3000);
-  Log4cppDebugLog debugLog(false, false);
-  theDebugLog = &debugLog;
   ferrow_test::LogCapture log("p.log");
   run();
   EXPECT_TRUE(readFile(local("proc/version")) == version);
@@ -374,6 +356,7 @@ TEST_F(RetrieveContentActionTest, FreeSpaceEqualToTheTotalPasses) {
 
 // At each save, the figures as they then stood.
 struct SaveLog : XmlMigrationStatus {
+  SaveLog() : XmlMigrationStatus("", {}) {}
   void setTransferSpeed(const std::string& s) override { speed = s; }
   void setTransferSizeLeft(const std::string& s) override { sizeLeft = s; }
   void setTransferCurrentFileSizeLeft(const std::string& s) override {
@@ -393,7 +376,7 @@ int64_t msClock() { return nowMs; }
 
 TEST(FileRetrievalProgressUpdaterTest, FiguresFollowEveryChunkSavesAreSpaced) {
   SaveLog status;
-  FileRetrievalProgressUpdater updater(status, 10000, 2, &secondsClock,
+  FileRetrievalProgressUpdater updater(status, nullptr, 10000, 2, &secondsClock,
                                        &msClock);
   updater.startFile(4000);
   updater(1000);  // the first chunk is saved at once; speed 0 in second one

@@ -264,7 +264,13 @@ TEST(DriverPartsTest, StandardInputListAndUnknownActions) {
   }
   CommandLine help;
   help.action = kHelp;
-  EXPECT_THROW(getActionByIdInternal(help), Exc<&UnknownAction>);
+  ferrow_test::TempDir dir;
+  const SessionFiles session(dir.path());
+  Log4cppDebugLog debugLog(false, false);
+  XmlLog record(session, "", debugLog);
+  EXPECT_THROW(
+      getActionByIdInternal(help, {help, session, record, debugLog, nullptr}),
+      Exc<&UnknownAction>);
 }
 
 }  // namespace

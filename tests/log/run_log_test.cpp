@@ -28,12 +28,6 @@ class RunLogTest : public ::testing::Test {
   void SetUp() override {
     ferrow_test::ensurePanelAccount();
     session_.reset(new SessionFiles(dir_.path() + "/s"));
-    theSession = session_.get();
-    theDebugLog = &debugLog_;
-  }
-  void TearDown() override {
-    theSession = nullptr;
-    theDebugLog = nullptr;
   }
   std::string path(const std::string& name) const {
     return dir_.path() + "/s/" + name;
@@ -47,7 +41,7 @@ class RunLogTest : public ::testing::Test {
 
 TEST_F(RunLogTest, OnlyObjectsHoldingAnErrorStay) {
   {
-    XmlLog log("");
+    XmlLog log(*session_, "", debugLog_);
     log.pushObject("c1", "client");
     log.pushObject("d1", "domain");
     log.log(Exc<&CantRetrieveDump>(Exc<&SshConnectionFault>("f", "./f.cpp", 1),
@@ -81,7 +75,7 @@ TEST_F(RunLogTest, EarlierRecordsGetTheFirstFreeNumber) {
   for (const char* name : {"transfer.result", "transfer.result.2"})
     ferrow_test::writeFile(path(name), "");
   {
-    XmlLog log("transfer.result");
+    XmlLog log(*session_, "transfer.result", debugLog_);
     EXPECT_TRUE(ferrow_test::fileExists(path("transfer.result.1")));
     ASSERT_EQ(0, mkdir(path("transfer.result").c_str(), 0700));
   }

@@ -8,9 +8,9 @@
 #include <boost/filesystem.hpp>
 
 #include "actions/retrieval_errors.h"
+#include "commons/accounts.h"
 #include "commons/commons_test_util.h"
 #include "commons/exec_cmd.h"
-#include "commons/session_files.h"
 #include "transport/libssh2_errors.h"
 #include "xml/agent_deployment_status.h"
 #include "xml/agent_file_list.h"
@@ -62,9 +62,9 @@ TEST(XmlTextTest, OnlyCharactersXmlCanCarryAreKept) {
 TEST(MigrationStatusTest, EachStateWritesItsDocumentForThePanel) {
   ferrow_test::ensurePanelAccount();
   TempDir dir;
-  std::unique_ptr<MigrationStatus> s = createMigrationStatusFile();
-  SessionLifetimeController session(dir.path() + "/s");
-  const std::string file = theSession->getStatusFileName();
+  const std::string file = dir.path() + "/migration.status";
+  std::unique_ptr<MigrationStatus> s =
+      createMigrationStatusFile(file, lookupAccount(kPanelAccount));
   std::string saved;
   auto save = [&] {
     s->saveFile();
@@ -225,8 +225,7 @@ TEST(XmlDocumentTest, ContractViolationsAreReportedNotFollowed) {
       {"*filename != 0", [&] { doc.saveToFile(std::string()); }}, {"buffer != 0", [&] { doc.saveToBuffer(nullptr); }},
       {"root_ != NULL", [&] { none.getRootNodeChild("x"); }}, {"node != NULL", [&] { doc.getNodeText(nullptr); }},
       {"node != NULL", [&] { doc.getAttribute(nullptr, "a"); }}, {"node != NULL", [] { XmlNode n(nullptr); }},
-      {"node != NULL", [&] { doc.addAttribute(nullptr, "a", "v"); }}, {"xpathCtx_.get() != NULL", [&] { tXPathExpr(none, "/"); }},
-      {"theSession != NULL", [] { createMigrationStatusFile()->saveFile(); }}};
+      {"node != NULL", [&] { doc.addAttribute(nullptr, "a", "v"); }}, {"xpathCtx_.get() != NULL", [&] { tXPathExpr(none, "/"); }}};
   // clang-format on
   for (const auto& row : rows)
     EXPECT_THAT(messageOf<&AssertionFailed>(row.second), HasSubstr(row.first));
