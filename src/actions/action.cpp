@@ -17,33 +17,6 @@ log4cpp::Category& logger() {
   return log4cpp::Category::getInstance("p.Action");
 }
 
-// Reads a prefix, then everything `rest` holds, without copying `rest`
-// into memory first.
-class PrefixedStreamBuf : public std::streambuf {
- public:
-  PrefixedStreamBuf(const std::string& prefix, std::istream& rest)
-      : prefix_(prefix), rest_(rest), buffer_(65536) {
-    char* begin = &prefix_[0];
-    setg(begin, begin, begin + prefix_.size());
-  }
-
- protected:
-  int_type underflow() override {
-    if (gptr() < egptr()) return traits_type::to_int_type(*gptr());
-    if (!rest_.good()) return traits_type::eof();
-    rest_.read(buffer_.data(), buffer_.size());
-    std::streamsize got = rest_.gcount();
-    if (got <= 0) return traits_type::eof();
-    setg(buffer_.data(), buffer_.data(), buffer_.data() + got);
-    return traits_type::to_int_type(*gptr());
-  }
-
- private:
-  std::string prefix_;
-  std::istream& rest_;
-  std::vector<char> buffer_;
-};
-
 }  // namespace
 
 Action::Action(const RunContext& run, bool withStatus) : run_(run) {
@@ -82,27 +55,47 @@ Ssh* Action::getSsh() {
   return ssh_.get();
 }
 
+int Action::execUser(const std::string& command, InputFeed& in,
+                     std::ostream& out, std::ostream& err, bool quietOutput,
+                     bool quietInput, Ssh::Counter& counter,
+                     const Periodic* periodic) {
+  return getSsh()->exec(agentCommands().inAgentDir(command), in, out, err,
+                        quietOutput, quietInput, counter, periodic);
+}
+
+int Action::execRoot(const std::string& command, InputFeed& in,
+                     std::ostream& out, std::ostream& err, bool quietOutput,
+                     bool quietInput, Ssh::Counter& counter,
+                     const Periodic* periodic) {
+  if (!cfg().sudo) {
+    return execUser(command, in, out, err, quietOutput, quietInput, counter,
+                    periodic);
+  }
+  checkSudoPresence();
+  std::string prefixed = AgentCommands::asRoot(command);
+  if (cfg().sudoPassword.empty()) {
+    return execUser(prefixed, in, out, err, quietOutput, quietInput, counter,
+                    periodic);
+  }
+  PrefixedFeed input(cfg().sudoPassword + "\n", in);
+  return execUser(prefixed, input, out, err, quietOutput, quietInput, counter,
+                  periodic);
+}
+
 int Action::execUser(const std::string& command, std::istream& in,
                      std::ostream& out, std::ostream& err, bool quietOutput,
                      bool quietInput, const Periodic* periodic) {
-  return getSsh()->exec(agentCommands().inAgentDir(command), in, out, err,
-                        quietOutput, quietInput, Ssh::null_counter, periodic);
+  StreamFeed feed(in);
+  return execUser(command, feed, out, err, quietOutput, quietInput,
+                  Ssh::null_counter, periodic);
 }
 
 int Action::execRoot(const std::string& command, std::istream& in,
                      std::ostream& out, std::ostream& err, bool quietOutput,
                      bool quietInput, const Periodic* periodic) {
-  if (!cfg().sudo) {
-    return execUser(command, in, out, err, quietOutput, quietInput, periodic);
-  }
-  checkSudoPresence();
-  std::string prefixed = AgentCommands::asRoot(command);
-  if (cfg().sudoPassword.empty()) {
-    return execUser(prefixed, in, out, err, quietOutput, quietInput, periodic);
-  }
-  PrefixedStreamBuf buffer(cfg().sudoPassword + "\n", in);
-  std::istream input(&buffer);
-  return execUser(prefixed, input, out, err, quietOutput, quietInput, periodic);
+  StreamFeed feed(in);
+  return execRoot(command, feed, out, err, quietOutput, quietInput,
+                  Ssh::null_counter, periodic);
 }
 
 int Action::execRoot(const std::string& command, std::ostream& out,

@@ -13,6 +13,7 @@
 #include "actions/agent_commands.h"
 #include "actions/run_context.h"
 #include "errors/exc.h"
+#include "transport/input_feed.h"
 #include "transport/periodic.h"
 #include "transport/ssh_transfer.h"
 #include "xml/migration_status.h"
@@ -59,15 +60,22 @@ class Action {
 
   // Runs `command` as the login user in the agent directory
   // (AgentCommands::inAgentDir). A failing cd does not stop the command.
-  // `periodic` ticks while this command runs (Ssh::exec). Returns the
-  // remote exit status; throws what Ssh::exec throws.
-  int execUser(const std::string& command, std::istream& in, std::ostream& out,
+  // `counter` and `periodic` act while this command runs (Ssh::exec).
+  // Returns the remote exit status; throws what Ssh::exec throws.
+  int execUser(const std::string& command, InputFeed& in, std::ostream& out,
                std::ostream& err, bool quietOutput, bool quietInput,
-               const Periodic* periodic = nullptr);
+               Ssh::Counter& counter, const Periodic* periodic = nullptr);
   // Runs `command` as root: as execUser for a root login; with
   // --sudo-password as AgentCommands::asRoot(command) after
   // checkSudoPresence(), the sudo password (when not empty) and a line
   // break going ahead of `in`.
+  int execRoot(const std::string& command, InputFeed& in, std::ostream& out,
+               std::ostream& err, bool quietOutput, bool quietInput,
+               Ssh::Counter& counter, const Periodic* periodic = nullptr);
+  // The same with a stream's bytes as input, or none, and no counter.
+  int execUser(const std::string& command, std::istream& in, std::ostream& out,
+               std::ostream& err, bool quietOutput, bool quietInput,
+               const Periodic* periodic = nullptr);
   int execRoot(const std::string& command, std::istream& in, std::ostream& out,
                std::ostream& err, bool quietOutput, bool quietInput,
                const Periodic* periodic = nullptr);

@@ -1,5 +1,6 @@
 #include "actions/agent_commands.h"
 
+#include "actions/archive_stream.h"
 #include "agents/agent.h"
 #include "commons/args_builder.h"
 #include "commons/product_paths.h"
@@ -79,6 +80,23 @@ std::string AgentCommands::giveTo(const std::string& login,
                                   const std::string& path) {
   ArgsBuilder line;
   line << "chown" << login << path;
+  return line.str();
+}
+
+std::string AgentCommands::streamArchives(
+    const std::vector<std::string>& paths) {
+  ArgsBuilder line;
+  line << "perl"
+       << "-e" << archiveStreamProgram() << "--";
+  for (const std::string& path : paths) line << path;
+  return line.str();
+}
+
+std::string AgentCommands::removeFiles(const std::vector<std::string>& paths) {
+  ArgsBuilder line;
+  line << "rm"
+       << "-f";
+  for (const std::string& path : paths) line << path;
   return line.str();
 }
 

@@ -57,6 +57,11 @@ class AgentCommands {
   static std::string removeFile(const std::string& path);
   static std::string makeDir(const std::string& path);
   static std::string giveTo(const std::string& login, const std::string& path);
+  // "perl -e PROGRAM -- PATH...": the archives sent back to back, each
+  // removed once its index is confirmed on the input (archive_stream.h).
+  static std::string streamArchives(const std::vector<std::string>& paths);
+  // "rm -f PATH...".
+  static std::string removeFiles(const std::vector<std::string>& paths);
 
  private:
   std::string dir_;

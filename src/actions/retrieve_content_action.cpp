@@ -8,6 +8,8 @@
 #include <fstream>
 #include <log4cpp/Category.hh>
 #include <memory>
+#include <regex>
+#include <sstream>
 
 #include "agents/agents_factory.h"
 #include "commons/accounts.h"
@@ -16,6 +18,7 @@
 #include "commons/free_space.h"
 #include "commons/make_dir.h"
 #include "commons/session_files.h"
+#include "commons/sh_quote.h"
 
 namespace tovel {
 
@@ -189,38 +192,68 @@ void RetrieveContentAction::transfer(const std::vector<DumpFile>& files,
                                      int64_t total,
                                      const std::string& destination,
                                      const AccountIds& owner) {
-  FileRetrievalProgressUpdater updater(*status_, progress(), total,
-                                       static_cast<int>(files.size()));
-  for (const DumpFile& f : files) {
-    updater.startFile(f.size);
-    status_->setCurrentFile(f.name,
-                            f.size ? std::to_string(*f.size) : std::string());
-    status_->saveFile();
-    make_content_dir(parentOf(destination + "/" + f.name), owner, 0755);
-    if (checkMD5(f)) {
-      logger().debug("Skipping " + f.name + ": the local copy is complete");
-    } else {
-      fetchFile(f, destination, updater);
+  updater_ = std::make_unique<FileRetrievalProgressUpdater>(
+      *status_, progress(), total, static_cast<int>(files.size()));
+  std::vector<const DumpFile*> wanted = skipPresent(files, destination, owner);
+  for (std::size_t i = 0; i < wanted.size();) {
+    if (!wanted[i]->size) {
+      fetchFile(*wanted[i++], destination);
+      continue;
     }
-    status_->setTransferFilesLeft(std::to_string(updater.fileDone()));
-    status_->saveFile();
+    std::vector<ArchiveBatch::Entry> entries;
+    for (std::size_t bytes = 0; i < wanted.size() && wanted[i]->size &&
+                                bytes < kMaxBatchPathBytes;
+         ++i) {
+      std::string remote = agentCommands().path(wanted[i]->name);
+      bytes += sh_quote(remote).size() + 1;
+      entries.push_back({wanted[i], destination + "/" + wanted[i]->name,
+                         std::move(remote)});
+    }
+    fetchBatch(std::move(entries));
   }
 }
 
+// The skip test reads local files only: a skipped archive costs no round
+// trip.
+std::vector<const DumpFile*> RetrieveContentAction::skipPresent(
+    const std::vector<DumpFile>& files, const std::string& destination,
+    const AccountIds& owner) {
+  std::vector<const DumpFile*> wanted;
+  for (const DumpFile& f : files) {
+    make_content_dir(parentOf(destination + "/" + f.name), owner, 0755);
+    if (!checkMD5(f)) {
+      wanted.push_back(&f);
+      continue;
+    }
+    logger().debug("Skipping " + f.name + ": the local copy is complete");
+    status_->setTransferFilesLeft(std::to_string(updater_->fileDone()));
+  }
+  status_->saveFile();
+  return wanted;
+}
+
+void RetrieveContentAction::archiveStarts(const DumpFile& f) {
+  updater_->startFile(f.size);
+  status_->setCurrentFile(f.name,
+                          f.size ? std::to_string(*f.size) : std::string());
+  status_->saveFile();
+}
+
+void RetrieveContentAction::archiveDone(const DumpFile&) {
+  status_->setTransferFilesLeft(std::to_string(updater_->fileDone()));
+  status_->saveFile();
+}
+
 void RetrieveContentAction::fetchFile(const DumpFile& f,
-                                      const std::string& destination,
-                                      FileRetrievalProgressUpdater& updater) {
+                                      const std::string& destination) {
+  archiveStarts(f);
   std::string local = destination + "/" + f.name;
   std::string remote = agentCommands().path(f.name);
   logger().debug("Fetching " + remote + " to " + local);
   CappedOutput err;
   Ssh::Receipt receipt;
   try {
-    // Nothing beyond a listed size is wanted: an archive that does not end
-    // is cut off there rather than filling the disk. Without one the list
-    // promises no size, so the whole archive is taken.
-    receipt = getSsh()->receive(remote, err, local, updater,
-                                f.size.value_or(UINT64_MAX));
+    receipt = getSsh()->receive(remote, err, local, *updater_);
   } catch (...) {
     discardLocalCopy(local);
     throw;
@@ -230,7 +263,43 @@ void RetrieveContentAction::fetchFile(const DumpFile& f,
     discardLocalCopy(local);
     TOVEL_THROW(CantRetrieveContentFile) % remote % cfg().host % local % fault;
   }
-  removeRemoteFile(remote);
+  removeRemoteFiles({remote}, AgentCommands::removeFile(remote));
+  archiveDone(f);
+}
+
+void RetrieveContentAction::fetchBatch(
+    std::vector<ArchiveBatch::Entry> entries) {
+  std::vector<std::string> remotes;
+  for (const ArchiveBatch::Entry& entry : entries)
+    remotes.push_back(entry.remote);
+  ArchiveBatch batch(std::move(entries), *updater_, *this);
+  CappedOutput err;
+  int status = -1;
+  try {
+    status = execRoot(AgentCommands::streamArchives(remotes), batch,
+                      batch.output(), err, true, true, batch);
+  } catch (const Exc<&StreamWrite>&) {
+    // Only the batch's own stop is its business.
+    if (!batch.stopped()) {
+      batch.abandon();
+      throw;
+    }
+  } catch (...) {
+    batch.abandon();
+    throw;
+  }
+  batch.finish(status, err.str());
+  logFailedRemovals(err.str(), batch.entries());
+  if (batch.fault().empty()) return;
+  // Confirmations still on their way when the command stopped may not
+  // have arrived; removing what is already gone changes nothing.
+  std::vector<std::string> verified = batch.verifiedRemotes();
+  if (!verified.empty()) {
+    removeRemoteFiles(verified, AgentCommands::removeFiles(verified));
+  }
+  const ArchiveBatch::Entry& failed = batch.failed();
+  TOVEL_THROW(CantRetrieveContentFile) % failed.remote % cfg().host %
+      failed.local % batch.fault();
 }
 
 // Empty when the local copy is complete: written and closed without error,
@@ -253,14 +322,17 @@ std::string RetrieveContentAction::verify(const DumpFile& f,
   return std::string();
 }
 
-// The archive is already safe here; a copy left behind on the source host
-// only costs space there, so removal never stops the transfer.
-void RetrieveContentAction::removeRemoteFile(const std::string& remote) {
+// The archives are already safe here; a copy left behind on the source
+// host only costs space there, so removal never stops the transfer.
+void RetrieveContentAction::removeRemoteFiles(
+    const std::vector<std::string>& remotes, const std::string& command) {
+  std::string what = remotes.front();
+  for (std::size_t i = 1; i < remotes.size(); ++i) what += "', '" + remotes[i];
   CappedOutput out, err;
   try {
-    if (execRoot(AgentCommands::removeFile(remote), out, err, false) != 0) {
+    if (execRoot(command, out, err, false) != 0) {
       Exc<&UnableToRemoveRemoteFile> e(__PRETTY_FUNCTION__, __FILE__, __LINE__);
-      e % remote % cfg().host % err.str();
+      e % what % cfg().host % err.str();
       debugLog().log(e);
     }
   } catch (const ExTraceable& e) {
@@ -268,13 +340,29 @@ void RetrieveContentAction::removeRemoteFile(const std::string& remote) {
   } catch (const std::exception& e) {
     Exc<&UnableToRemoveRemoteFile> wrapped(__PRETTY_FUNCTION__, __FILE__,
                                            __LINE__);
-    wrapped % remote % cfg().host % e.what();
+    wrapped % what % cfg().host % e.what();
     debugLog().log(wrapped);
   } catch (...) {
     Exc<&UnableToRemoveRemoteFile> wrapped(__PRETTY_FUNCTION__, __FILE__,
                                            __LINE__);
-    wrapped % remote % cfg().host % "Unknown internal exception occured";
+    wrapped % what % cfg().host % "Unknown internal exception occured";
     debugLog().log(wrapped);
+  }
+}
+
+// The stream's remover reports each failure as "unlink INDEX: REASON".
+void RetrieveContentAction::logFailedRemovals(
+    const std::string& err, const std::vector<ArchiveBatch::Entry>& entries) {
+  static const std::regex failure("^unlink ([0-9]+): (.*)$");
+  std::istringstream lines(err);
+  std::smatch match;
+  for (std::string line; std::getline(lines, line);) {
+    if (!std::regex_match(line, match, failure)) continue;
+    std::size_t index = std::stoul(match[1]);
+    if (index >= entries.size()) continue;
+    Exc<&UnableToRemoveRemoteFile> e(__PRETTY_FUNCTION__, __FILE__, __LINE__);
+    e % entries[index].remote % cfg().host % match[2].str();
+    debugLog().log(e);
   }
 }
 

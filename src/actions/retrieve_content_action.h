@@ -4,12 +4,14 @@
 #ifndef FERROW_ACTIONS_RETRIEVE_CONTENT_ACTION_H_
 #define FERROW_ACTIONS_RETRIEVE_CONTENT_ACTION_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "actions/action.h"
+#include "actions/archive_batch.h"
 #include "actions/file_retrieval_progress_updater.h"
 #include "actions/retrieval_errors.h"
 #include "commons/accounts.h"
@@ -25,8 +27,14 @@ TOVEL_DECLARE_TAG(UnableToRemoveRemoteFile)
 TOVEL_DECLARE_TAG(NotEnoughSpace)
 TOVEL_DECLARE_TAG(WrongMd5Sum)
 
-class RetrieveContentAction : public Action {
+class RetrieveContentAction : public Action, private ArchiveBatch::Listener {
  public:
+  // The archive paths of one remote command, quoted, stay below this many
+  // bytes (plus one path): the command line is one argument of the remote
+  // shell, which the system limits to 128 KiB, and nested quoting through
+  // sh -c and sudo may double it.
+  static constexpr std::size_t kMaxBatchPathBytes = 32 * 1024;
+
   explicit RetrieveContentAction(const RunContext& run) : Action(run, true) {}
 
   // Asks the agent (as root) for its content list (longer than 64 MiB:
@@ -35,6 +43,10 @@ class RetrieveContentAction : public Action {
   // "--no-check-space", fetches each archive not already present and
   // removes it on the source host (a failed removal is only logged), then
   // writes the session's "dump-name" and "migration-result-name".
+  // Consecutive archives of listed size come back to back in one remote
+  // command each (ArchiveBatch), about kMaxBatchPathBytes of their paths
+  // at a time; each is removed on the source once verified, while the
+  // next ones arrive. An archive of no listed size is fetched on its own.
   // An archive is removed on the source host only once its local copy was
   // written and closed without error, "cat" succeeded, and the copy has the
   // listed size and MD5 sum, each where listed (the sum compared without
@@ -46,7 +58,8 @@ class RetrieveContentAction : public Action {
   // wrapped in CantRetrieveDump, except the connection failures that have
   // exit codes of their own (SshConnectionFault and those of connecting
   // and logging in), which pass as they are. Files fetched before a
-  // failure stay.
+  // failure stay; a removal still on its way when the command failed is
+  // repeated, unless the connection is gone.
   void execute() override;
 
   // True when the session directory holds a regular file of f's base name
@@ -66,13 +79,23 @@ class RetrieveContentAction : public Action {
   void checkSpace(const std::string& destination, int64_t total);
   void transfer(const std::vector<DumpFile>& files, int64_t total,
                 const std::string& destination, const AccountIds& owner);
-  void fetchFile(const DumpFile& f, const std::string& destination,
-                 FileRetrievalProgressUpdater& updater);
+  std::vector<const DumpFile*> skipPresent(const std::vector<DumpFile>& files,
+                                           const std::string& destination,
+                                           const AccountIds& owner);
+  void fetchFile(const DumpFile& f, const std::string& destination);
+  void fetchBatch(std::vector<ArchiveBatch::Entry> entries);
+  void archiveStarts(const DumpFile& f) override;
   std::string verify(const DumpFile& f, const Ssh::Receipt& receipt,
-                     const std::string& catError);
+                     const std::string& catError) override;
+  void archiveDone(const DumpFile& f) override;
   void recordWrongMd5Sum(const DumpFile& f, const std::string& sum);
-  void removeRemoteFile(const std::string& remote);
+  void removeRemoteFiles(const std::vector<std::string>& remotes,
+                         const std::string& command);
+  void logFailedRemovals(const std::string& err,
+                         const std::vector<ArchiveBatch::Entry>& entries);
   std::string destinationDir() const;
+
+  std::unique_ptr<FileRetrievalProgressUpdater> updater_;
 };
 
 }  // namespace tovel

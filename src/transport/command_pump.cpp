@@ -71,7 +71,15 @@ void CommandPump::run() {
 
 bool CommandPump::feedInput() {
   if (inputDone_) return false;
-  if (inputLength_ == 0 && !readInputChunk()) return sendEof();
+  if (inputLength_ == 0) {
+    long got = readInputChunk();
+    // A feed waits for what the command sends back; after the command's
+    // last output nothing more can come.
+    if (got == InputFeed::kNothingYet && !libssh2_channel_eof(channel_)) {
+      return false;
+    }
+    if (got <= 0) return sendEof();
+  }
   checkProgramTerminated();
   const char* data = input_.data() + inputOffset_;
   long rc = libssh2_channel_write_ex(channel_, 0, data, inputLength_);
@@ -84,14 +92,11 @@ bool CommandPump::feedInput() {
   return rc > 0;
 }
 
-bool CommandPump::readInputChunk() {
-  std::istream& in = streams_.in;
-  if (in.eof()) return false;
-  in.read(input_.data(), input_.size());
-  if (in.bad()) TOVEL_THROW(StreamRead);
+long CommandPump::readInputChunk() {
+  long got = streams_.in.read(input_.data(), input_.size());
   inputOffset_ = 0;
-  inputLength_ = static_cast<std::size_t>(in.gcount());
-  return inputLength_ > 0;
+  inputLength_ = got > 0 ? static_cast<std::size_t>(got) : 0;
+  return got;
 }
 
 bool CommandPump::sendEof() {

@@ -11,6 +11,7 @@
 #include "commons/secrets.h"
 #include "errors/exc.h"
 #include "transport/channel.h"
+#include "transport/input_feed.h"
 #include "transport/periodic.h"
 #include "transport/session.h"
 #include "transport/ssh_transfer.h"
@@ -21,7 +22,7 @@ namespace tovel {
 TOVEL_DECLARE_TAG(UnableToSendEof)
 
 struct CommandStreams {
-  std::istream& in;
+  InputFeed& in;
   std::ostream& out;
   std::ostream& err;
   bool quietOutput;
@@ -53,7 +54,7 @@ class CommandPump {
 
  private:
   bool feedInput();
-  bool readInputChunk();
+  long readInputChunk();
   bool sendEof();
   bool writeFailed(long rc);
   bool remoteClosed();

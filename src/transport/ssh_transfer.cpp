@@ -91,6 +91,14 @@ void Ssh::connect(const std::string& host, unsigned short port,
 int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out,
               std::ostream& err, bool quietOutput, bool quietInput,
               Counter& counter, const Periodic* periodic) {
+  StreamFeed feed(in);
+  return exec(command, feed, out, err, quietOutput, quietInput, counter,
+              periodic);
+}
+
+int Ssh::exec(const std::string& command, InputFeed& in, std::ostream& out,
+              std::ostream& err, bool quietOutput, bool quietInput,
+              Counter& counter, const Periodic* periodic) {
   logger().debug("Executing " + command + " on the remote host");
   std::unique_ptr<libssh2pp::Channel> channel =
       session_->openExecChannel(command, libssh2pp::Channel::kBlocking);

@@ -13,6 +13,7 @@
 #include "commons/stream_read_error.h"
 #include "errors/exc.h"
 #include "transport/host_key_check.h"
+#include "transport/input_feed.h"
 #include "transport/periodic.h"
 #include "transport/session.h"
 #include "transport/socket.h"
@@ -58,7 +59,7 @@ class Ssh {
 
   // Runs `command` (one remote shell line) and returns its exit status; a
   // command ended by a signal returns 128 + the signal's number. `in` is
-  // sent as its standard input, then EOF, while its standard output goes
+  // sent as its standard input as it becomes ready, then EOF, while its standard output goes
   // to `out` (each chunk told to `counter`) and its standard error to
   // `err`; input and output flow at the same time, so neither side can
   // stall the other. Unless quietOutput/quietInput, the bytes are logged at
@@ -71,6 +72,10 @@ class Ssh {
   // connection is lost, StreamRead/StreamWrite when a local stream fails,
   // UnableToSendEof, InvalidHandle when no channel can be opened, and what
   // the tick throws.
+  int exec(const std::string& command, InputFeed& in, std::ostream& out,
+           std::ostream& err, bool quietOutput, bool quietInput,
+           Counter& counter, const Periodic* periodic = nullptr);
+  // The same with a stream's bytes as standard input.
   int exec(const std::string& command, std::istream& in, std::ostream& out,
            std::ostream& err, bool quietOutput, bool quietInput,
            Counter& counter, const Periodic* periodic = nullptr);

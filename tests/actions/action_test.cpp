@@ -338,7 +338,7 @@ TEST_F(RetrieveContentActionTest, RemovalFailureIsOnlyLogged) {
   EXPECT_THAT(log.lines(),
               ::testing::Contains(HasSubstr(
                   "Unable to remove remote file '" + remote("proc/version") +
-                  "' from '127.0.0.1': rm: cannot remove")));
+                  "' from '127.0.0.1': Operation not permitted")));
 }
 
 // A private 1 MiB tmpfs on the destination: free space nobody else changes.

@@ -48,11 +48,12 @@ bool waitFor(const std::function<bool()>& ready, int ms = 30000) {
   return false;
 }
 
-// What follows "Executing cat " in each line of the debug log, in order.
-std::vector<std::string> catCommands(const std::string& log) {
-  static const std::regex cat("Executing cat ([^\n]*)");
+// The local files that archives were fetched to, in order, as the debug
+// log names them.
+std::vector<std::string> fetchedFiles(const std::string& log) {
+  static const std::regex fetch("Reading data to the file ([^\n]*)");
   std::vector<std::string> found;
-  for (std::sregex_iterator it(log.begin(), log.end(), cat), end; it != end;
+  for (std::sregex_iterator it(log.begin(), log.end(), fetch), end; it != end;
        ++it)
     found.push_back((*it)[1]);
   return found;
@@ -261,9 +262,8 @@ TEST_F(ContentFaultsTest, ServerKilledMidFetchEndsWith18AndRerunCompletes) {
   writeFile(remote("killed.tgz"), killed);
   size_t logBefore = debugLog().size();
   expectFetched(getContent());
-  EXPECT_THAT(catCommands(debugLog().substr(logBefore)),
-              ElementsAre(remote("killed.tgz") + " on the remote host",
-                          remote("last.tgz") + " on the remote host"));
+  EXPECT_THAT(fetchedFiles(debugLog().substr(logBefore)),
+              ElementsAre(local("killed.tgz"), local("last.tgz")));
 }
 
 // Each list after a sound first entry (one name check, one number parser,
@@ -291,7 +291,7 @@ TEST_F(ContentFaultsTest, HostileListsAreRefusedBeforeAnyFetch) {
         fileExists(local("migration.log")) ? debugLog().size() : 0;
     expectFailedFetch(getContent(), list.innerCode);
     EXPECT_THAT(record(), HasSubstr(list.description));
-    EXPECT_THAT(catCommands(debugLog().substr(logBefore)), IsEmpty());
+    EXPECT_THAT(fetchedFiles(debugLog().substr(logBefore)), IsEmpty());
     EXPECT_EQ(readFile(remote("fine.tgz")), fine);
     EXPECT_FALSE(fileExists(local("fine.tgz")));
     EXPECT_FALSE(fileExists(install_.root() + "/outside.tgz"));

@@ -1,0 +1,123 @@
+// ArchiveBatch: the receiving end of one archive stream (archive_stream.h).
+// Each archive goes to its local file and is verified there; only then is
+// its index confirmed on the command's input, which removes the source
+// copy. The next archive's bytes keep arriving meanwhile, so many small
+// archives cost one command, not a few round trips each.
+#ifndef FERROW_ACTIONS_ARCHIVE_BATCH_H_
+#define FERROW_ACTIONS_ARCHIVE_BATCH_H_
+
+#include <algorithm>
+#include <cstddef>
+#include <exception>
+#include <memory>
+#include <ostream>
+#include <streambuf>
+#include <string>
+#include <vector>
+
+#include "actions/archive_stream.h"
+#include "actions/file_retrieval_progress_updater.h"
+#include "transport/input_feed.h"
+#include "transport/receiving_file.h"
+#include "transport/ssh_transfer.h"
+#include "xml/agent_file_list.h"
+
+namespace tovel {
+
+class ArchiveBatch : public InputFeed,
+                     public Ssh::Counter,
+                     private ArchiveStreamDecoder::Handler {
+ public:
+  struct Entry {
+    const DumpFile* file;  // of listed size; not owned
+    std::string local;
+    std::string remote;
+  };
+
+  // What the fetch decides around each archive.
+  class Listener {
+   public:
+    virtual ~Listener() = default;
+    // Before the archive's local file is created.
+    virtual void archiveStarts(const DumpFile& f) = 0;
+    // The local copy is closed: empty when it is sound, else what is wrong
+    // with it. remoteError is the sender's, empty when it read the archive
+    // through.
+    virtual std::string verify(const DumpFile& f, const Ssh::Receipt& receipt,
+                               const std::string& remoteError) = 0;
+    // After a sound copy was confirmed for removal.
+    virtual void archiveDone(const DumpFile& f) = 0;
+  };
+
+  // entries must not be empty. None of the references is owned; all must
+  // outlive the batch.
+  ArchiveBatch(std::vector<Entry> entries,
+               FileRetrievalProgressUpdater& updater, Listener& listener);
+  ~ArchiveBatch() override;
+
+  // Where the command's standard output goes. A write fails once an
+  // archive failed (fault()) or a listener threw (rethrown by finish()).
+  std::ostream& output() { return output_; }
+
+  // The confirmations, one line per verified archive; the end once every
+  // archive is verified.
+  long read(char* data, std::size_t size) override;
+  // Counts only the archives' bytes, as they reach their files.
+  void update(std::size_t) override {}
+  int idle() override { return updater_.idle(); }
+
+  // After the command ended with `status` and error text `err`: rethrows
+  // what a listener threw; if not every archive arrived, the first one
+  // missing fails. Removes an unfinished local copy.
+  void finish(int status, const std::string& err);
+  // After the command failed: removes an unfinished local copy.
+  void abandon();
+
+  // True once the batch stopped the stream: an archive failed or a
+  // listener threw.
+  bool stopped() const { return !fault_.empty() || thrown_ != nullptr; }
+  // Empty while no archive failed; else what is wrong with failed().
+  const std::string& fault() const { return fault_; }
+  const Entry& failed() const {
+    return entries_[std::min(next_, entries_.size() - 1)];
+  }
+  // The archives verified and confirmed so far, in order.
+  std::vector<std::string> verifiedRemotes() const;
+  const std::vector<Entry>& entries() const { return entries_; }
+
+ private:
+  class Sink : public std::streambuf {
+   public:
+    explicit Sink(ArchiveBatch& batch) : batch_(batch) {}
+
+   protected:
+    int_type overflow(int_type c) override;
+    std::streamsize xsputn(const char* data, std::streamsize size) override;
+
+   private:
+    ArchiveBatch& batch_;
+  };
+
+  bool take(const char* data, std::size_t size);
+  bool data(const char* bytes, std::size_t size) override;
+  bool end(const std::string& error) override;
+  bool fail(const std::string& why);
+  void open();
+  void discard();
+
+  std::vector<Entry> entries_;
+  FileRetrievalProgressUpdater& updater_;
+  Listener& listener_;
+  ArchiveStreamDecoder decoder_;
+  Sink sink_;
+  std::ostream output_;
+  std::unique_ptr<ReceivingFile> file_;  // of entries_[next_], once begun
+  std::size_t next_ = 0;
+  std::string confirmations_;  // not yet handed to the pump
+  std::string fault_;
+  std::exception_ptr thrown_;
+};
+
+}  // namespace tovel
+
+#endif  // FERROW_ACTIONS_ARCHIVE_BATCH_H_

@@ -1,0 +1,92 @@
+#include "actions/archive_stream.h"
+
+#include <algorithm>
+
+namespace tovel {
+
+namespace {
+
+// Kept free of single quotes, so that the shell quoting of the command
+// line stays one plain quoted word. The sender ignores SIGPIPE and stops
+// at a failed write; the remover keeps going until its input ends.
+const char kProgram[] =
+    "$SIG{PIPE}=\"IGNORE\";binmode STDOUT;"
+    "defined(my $p=fork) or die \"fork: $!\\n\";"
+    "if(!$p){close STDOUT;while(<STDIN>){chomp;next if !/^\\d+$/||$_>$#ARGV;"
+    "unlink $ARGV[$_] or print STDERR \"unlink $_: $!\\n\"}exit 0}"
+    "close STDIN;"
+    "sub w{my $d=shift;while(length $d){my $n=syswrite STDOUT,$d;exit 1 if !$n;"
+    "substr($d,0,$n)=\"\"}}"
+    "sub e{w(pack(\"N\",2**31+length $_[0]).$_[0])}"
+    "for my $f(@ARGV){my($h,$b,$n);"
+    "if(!open $h,\"<\",$f){e(\"cannot open $f: $!\");next}binmode $h;"
+    "w(pack(\"N\",$n).$b) while $n=sysread $h,$b,65536;"
+    "defined $n?w(pack(\"N\",0)):e(\"cannot read $f: $!\");close $h}"
+    "close STDOUT;wait;exit 0";
+
+const uint32_t kErrorFlag = 1u << 31;
+
+}  // namespace
+
+const char* archiveStreamProgram() { return kProgram; }
+
+bool ArchiveStreamDecoder::push(const char* bytes, std::size_t size) {
+  while (size > 0 && state_ != kStopped) {
+    std::size_t used = 0;
+    if (state_ == kHeader) {
+      used = takeHeader(bytes, size);
+      if (headerLength_ == sizeof header_ && !startRecord()) state_ = kStopped;
+    } else if (state_ == kData) {
+      used = std::min<std::size_t>(size, left_);
+      left_ -= static_cast<uint32_t>(used);
+      if (left_ == 0) state_ = kHeader;
+      if (!handler_.data(bytes, used)) state_ = kStopped;
+    } else {
+      used = std::min<std::size_t>(size, left_);
+      errorText_.append(bytes, used);
+      left_ -= static_cast<uint32_t>(used);
+      if (left_ == 0) {
+        state_ = handler_.end(errorText_) ? kHeader : kStopped;
+        errorText_.clear();
+      }
+    }
+    bytes += used;
+    size -= used;
+  }
+  return state_ != kStopped;
+}
+
+std::size_t ArchiveStreamDecoder::takeHeader(const char* bytes,
+                                             std::size_t size) {
+  std::size_t used = std::min(size, sizeof header_ - headerLength_);
+  std::copy(bytes, bytes + used, header_ + headerLength_);
+  headerLength_ += used;
+  return used;
+}
+
+// False when the stream must stop here.
+bool ArchiveStreamDecoder::startRecord() {
+  uint32_t header = (uint32_t(header_[0]) << 24) | (uint32_t(header_[1]) << 16) |
+                    (uint32_t(header_[2]) << 8) | uint32_t(header_[3]);
+  headerLength_ = 0;
+  if (header == 0) return handler_.end(std::string());
+  if ((header & kErrorFlag) == 0) {
+    if (header > kMaxDataRecord) {
+      fault_ = "a data record of " + std::to_string(header) + " bytes";
+      return false;
+    }
+    state_ = kData;
+    left_ = header;
+    return true;
+  }
+  left_ = header & ~kErrorFlag;
+  if (left_ > kMaxErrorText) {
+    fault_ = "an error text of " + std::to_string(left_) + " bytes";
+    return false;
+  }
+  if (left_ == 0) return handler_.end("the archive could not be read");
+  state_ = kErrorText;
+  return true;
+}
+
+}  // namespace tovel
