@@ -8,7 +8,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <boost/algorithm/string/case_conv.hpp>
+#include <climits>
 #include <boost/filesystem.hpp>
 #include <chrono>
 #include <functional>
@@ -264,6 +266,83 @@ TEST_F(ContentFaultsTest, ServerKilledMidFetchEndsWith18AndRerunCompletes) {
   expectFetched(getContent());
   EXPECT_THAT(fetchedFiles(debugLog().substr(logBefore)),
               ElementsAre(local("killed.tgz"), local("last.tgz")));
+}
+
+// What a reader of "migration.status" saw: documents that were not
+// whole, or figures that went back.
+struct StatusReader {
+  std::vector<std::string> faults;
+  int reads = 0;
+  void read(const std::string& doc) {
+    static const std::regex files("<files [^>]*left=\"([0-9]+)\"[^>]*"
+                                  "size-left=\"(-?[0-9]+)\""),
+        current("<current-file[^>]*>([^<]*)<");
+    std::smatch f, c;
+    ++reads;
+    if (doc.find("</migration-status>") == std::string::npos) {
+      faults.push_back("not whole: " + doc);
+    } else if (std::regex_search(doc, f, files)) {
+      std::regex_search(doc, c, current);
+      std::vector<long> now = {std::stol(f[1]), std::stol(f[2])};
+      std::string name = c.empty() ? "" : c[1].str();
+      if (now[0] > last[0] || now[1] > last[1] || name < name_)
+        faults.push_back("went back: " + doc);
+      last = now;
+      name_ = name;
+    }
+  }
+  std::vector<long> last = {LONG_MAX, LONG_MAX};
+  std::string name_;
+};
+
+// A few hundred small archives from a server that lets a connection have
+// two sessions at once. The connection is cut while the source stalls in
+// the middle archive (a FIFO): every archive verified by then is gone from
+// the source, no other one; the rerun completes, and a reader of the
+// status document meanwhile sees only whole documents moving forward.
+TEST_F(ContentFaultsTest, ManyArchivesSurviveACutUnderALimitOfTwoSessions) {
+  SshdServer limited(2);
+  login_ = sourceLogin(rootAccount(), false, limited);
+  const size_t kCount = 300, kStall = 150;
+  std::vector<std::string> bytes;
+  for (size_t i = 0; i < kCount; ++i)
+    bytes.push_back(addArchive("site" + std::to_string(1000 + i) + ".tgz",
+                               2000 + i, i != kStall));
+  writeList();
+  const std::string stalled = remote(listed_[kStall].name);
+  ASSERT_EQ(0, mkfifo(stalled.c_str(), 0644));
+  RunResult r;
+  std::thread run([&] { r = getContent(); });
+  int fifo = -1;
+  bool reached =
+      waitFor([&] {
+        fifo = open(stalled.c_str(), O_WRONLY | O_NONBLOCK);
+        return fifo >= 0;
+      }) &&
+      waitFor([&] { return !fileExists(remote(listed_[kStall - 1].name)); });
+  limited.killConnections();
+  run.join();
+  if (fifo >= 0) close(fifo);
+  ASSERT_TRUE(reached);
+  expectFailedFetch(r, "SshConnectionFault", 18);
+  for (size_t i = 0; i < kCount; ++i) {
+    EXPECT_EQ(fileExists(remote(listed_[i].name)), i >= kStall) << i;
+    EXPECT_EQ(fileExists(local(listed_[i].name)), i < kStall) << i;
+  }
+
+  unlink(stalled.c_str());
+  writeFile(stalled, bytes[kStall]);
+  std::atomic<bool> done{false};
+  StatusReader reader;
+  std::thread reading([&] {
+    for (int round = 0; !done && round < 200000; ++round)
+      reader.read(readFile(local("migration.status")));
+  });
+  expectFetched(getContent());
+  done = true;
+  reading.join();
+  EXPECT_THAT(reader.faults, IsEmpty());
+  EXPECT_GT(reader.reads, 10);
 }
 
 // Each list after a sound first entry (one name check, one number parser,

@@ -19,11 +19,12 @@ struct SourceLogin {
 
 // "--host=127.0.0.1 --port=P --login=L" with DYR_PASSWORD; with sudo also
 // "--sudo-password" and DYR_SUDO_PASSWORD set to the account's password.
-inline SourceLogin sourceLogin(const TestAccount& account, bool sudo) {
+inline SourceLogin sourceLogin(const TestAccount& account, bool sudo,
+                               const SshdServer& server = SshdServer::shared()) {
   SourceLogin login;
   login.name = account.name + (sudo ? " through sudo" : "");
   login.args = {"--host=127.0.0.1",
-                "--port=" + std::to_string(SshdServer::shared().port()),
+                "--port=" + std::to_string(server.port()),
                 "--login=" + account.name};
   login.env["DYR_PASSWORD"] = account.password;
   if (sudo) {

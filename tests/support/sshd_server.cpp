@@ -57,14 +57,15 @@ void setUpTestAccounts() {
   close(lock);
 }
 
-std::string configText(const std::string& dir, unsigned short port) {
+std::string configText(const std::string& dir, unsigned short port,
+                       int maxSessions) {
   std::ostringstream text;
   text << "ListenAddress 127.0.0.1\nPort " << port << "\nHostKey " << dir
        << "/host_key\nPidFile " << dir << "/sshd.pid\n"
        << "UsePAM yes\nPasswordAuthentication yes\n"
           "KbdInteractiveAuthentication yes\nPermitRootLogin yes\n"
           "StrictModes no\nUseDNS no\nLogLevel VERBOSE\nMaxStartups 100\n"
-          "MaxSessions 100\nPrintMotd no\n"
+       << "MaxSessions " << maxSessions << "\nPrintMotd no\n"
        << "Match User " << kbdAccount().name
        << "\n  AuthenticationMethods keyboard-interactive\n"
        << "Match User " << pubkeyAccount().name
@@ -137,7 +138,7 @@ std::string homeOf(const TestAccount& account) {
   return entry->pw_dir;
 }
 
-SshdServer::SshdServer() : dir_(std::make_unique<TempDir>()), owner_(getpid()) {
+SshdServer::SshdServer(int maxSessions) : dir_(std::make_unique<TempDir>()), owner_(getpid()) {
   static std::once_flag accounts;
   std::call_once(accounts, setUpTestAccounts);
   const std::string dir = dir_->path();
@@ -154,7 +155,7 @@ SshdServer::SshdServer() : dir_(std::make_unique<TempDir>()), owner_(getpid()) {
   for (int attempt = 0; attempt < 8 && port_ == 0; ++attempt) {
     unsigned short port = 10000 + (getpid() * 31 + attempt * 2003) % 20000;
     writeFile(dir + "/sshd.log", "");
-    writeFile(dir + "/sshd_config", configText(dir, port));
+    writeFile(dir + "/sshd_config", configText(dir, port, maxSessions));
     pid_ = spawnSshd(dir);
     for (int i = 0; i < 500 && port_ == 0; ++i, usleep(20000)) {  // 10 s
       if (logText().find("Server listening on 127.0.0.1 port") !=

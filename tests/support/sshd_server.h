@@ -39,7 +39,9 @@ pid_t findFerrow(const std::string& marker);
 // server's own mount namespace).
 class SshdServer {
  public:
-  SshdServer();  // waits until it listens; throws when it cannot
+  // Waits until it listens; throws when it cannot. maxSessions: the
+  // channels it lets one connection have open at once.
+  explicit SshdServer(int maxSessions = 100);
   ~SshdServer();
   SshdServer(const SshdServer&) = delete;
   SshdServer& operator=(const SshdServer&) = delete;
