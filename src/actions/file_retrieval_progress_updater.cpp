@@ -53,14 +53,24 @@ void FileRetrievalProgressUpdater::operator()(long n) {
     status_.setTransferCurrentFileSizeLeft(
         std::to_string(currentFileSizeLeft_));
   }
+  changed();
+  report();
+}
+
+// Each save creates a file, which costs about half a millisecond on a
+// busy ext4 directory: one per archive start and end would take longer
+// than receiving many small archives.
+void FileRetrievalProgressUpdater::changed() {
   int64_t nowMs = saveClock_();
-  if (!saved_ || (currentFileSized_ && currentFileSizeLeft_ <= 0) ||
-      nowMs - lastSaveMs_ >= kSaveIntervalMs) {
+  if (!saved_ || nowMs - lastSaveMs_ >= kSaveIntervalMs) {
     save(nowMs);
   } else {
     heldBack_ = true;
   }
-  report();
+}
+
+void FileRetrievalProgressUpdater::flush() {
+  if (heldBack_) save(saveClock_());
 }
 
 int FileRetrievalProgressUpdater::idle() {

@@ -15,11 +15,11 @@
 namespace tovel {
 
 // Writes the transfer figures into the status document after every chunk
-// received; "migration.status" is rewritten at most every kSaveIntervalMs
-// and whenever the last chunk of a file of listed size arrives. Figures
-// held back are saved once kSaveIntervalMs has passed even when no more
-// data comes (idle), so the document never lags a stalled source for
-// longer. The same figures go to the progress watcher, if any.
+// received; "migration.status" is rewritten at most every kSaveIntervalMs,
+// the first time at once. What changed meanwhile (figures, the current
+// file, the files left) is saved once kSaveIntervalMs has passed even when
+// no more data comes (idle), so the document never lags a stalled source
+// for longer. The same figures go to the progress watcher, if any.
 class FileRetrievalProgressUpdater : public Ssh::Counter {
  public:
   typedef std::time_t (*Clock)();
@@ -41,15 +41,21 @@ class FileRetrievalProgressUpdater : public Ssh::Counter {
 
   // Counts a chunk of n bytes, then sets the speed (bytes per second since
   // the start, "0" within the first second), the size left and the current
-  // file's size left; saves when no save of the updater happened within
-  // kSaveIntervalMs, or when the chunk completes the current file. Throws
-  // the document's save errors.
+  // file's size left, and saves them as changed() does. Throws the
+  // document's save errors.
   void operator()(long n);
   void update(std::size_t bytes) override;
   // Saves the figures that the interval held back once it has passed;
   // returns the milliseconds left until then, or -1 when nothing waits.
   // Throws the document's save errors.
   int idle() override;
+
+  // The document changed: saves it unless the updater saved it within
+  // kSaveIntervalMs; then idle() or a later change saves it. Throws the
+  // document's save errors.
+  void changed();
+  // Saves what is held back, if anything. Throws as changed().
+  void flush();
 
   // Before each file of the list: its listed size, if any, is what is left
   // of it. A file of no listed size has no figures of its own.

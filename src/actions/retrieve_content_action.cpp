@@ -211,6 +211,7 @@ void RetrieveContentAction::transfer(const std::vector<DumpFile>& files,
     }
     fetchBatch(std::move(entries));
   }
+  updater_->flush();
 }
 
 // The skip test reads local files only: a skipped archive costs no round
@@ -228,7 +229,7 @@ std::vector<const DumpFile*> RetrieveContentAction::skipPresent(
     logger().debug("Skipping " + f.name + ": the local copy is complete");
     status_->setTransferFilesLeft(std::to_string(updater_->fileDone()));
   }
-  status_->saveFile();
+  updater_->changed();
   return wanted;
 }
 
@@ -236,12 +237,12 @@ void RetrieveContentAction::archiveStarts(const DumpFile& f) {
   updater_->startFile(f.size);
   status_->setCurrentFile(f.name,
                           f.size ? std::to_string(*f.size) : std::string());
-  status_->saveFile();
+  updater_->changed();
 }
 
 void RetrieveContentAction::archiveDone(const DumpFile&) {
   status_->setTransferFilesLeft(std::to_string(updater_->fileDone()));
-  status_->saveFile();
+  updater_->changed();
 }
 
 void RetrieveContentAction::fetchFile(const DumpFile& f,

@@ -389,24 +389,23 @@ TEST(FileRetrievalProgressUpdaterTest, FiguresFollowEveryChunkSavesAreSpaced) {
   EXPECT_EQ(updater.idle(), -1);  // nothing more
   nowSeconds = 1003;
   nowMs += 10;
-  updater(1000);
-  updater(1500);  // completes the file: always saved
+  updater(2500);  // completes the file, within the interval: held back
   EXPECT_EQ(updater.fileDone(), 1);
+  updater.changed();  // nor does another change save
+  updater.flush();    // but the end of the transfer does
+  updater.flush();
   updater.startFile(1000);
   nowSeconds = 1004;
-  nowMs += 10;
-  updater(500);
-  updater(600);  // beyond its listed size: every chunk saved
-  updater(50);
-  updater.startFile(std::nullopt);  // no size, no figures of its own
-  updater(50);
-  EXPECT_EQ(updater.transferred(), 5200);
-  EXPECT_EQ(updater.sizeLeft(), 4800);
   nowMs += 100;
-  updater.idle();
+  updater(1100);  // the interval has passed
+  updater.startFile(std::nullopt);  // no size, no figures of its own
+  nowMs += 100;
+  updater(50);
+  EXPECT_EQ(updater.transferred(), 5150);
+  EXPECT_EQ(updater.sizeLeft(), 4850);
   EXPECT_THAT(status.saved, ElementsAre("0 9000 3000", "0 8500 2500",
                                         "1333 6000 0", "1275 4900 -100",
-                                        "1287 4850 -150", "1300 4800 -150"));
+                                        "1287 4850 -100"));
 }
 
 // Each line as a shell runs it: the directory stays one word, whatever
