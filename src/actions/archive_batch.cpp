@@ -46,7 +46,7 @@ bool ArchiveBatch::take(const char* data, std::size_t size) {
   if (!fault_.empty() || thrown_) return false;
   try {
     if (decoder_.push(data, size)) return true;
-    if (fault_.empty()) fail("the source sent " + decoder_.fault());
+    if (fault_.empty()) fail("the source sent " + decoder_.fault(), received_);
   } catch (...) {
     thrown_ = std::current_exception();
   }
@@ -54,59 +54,93 @@ bool ArchiveBatch::take(const char* data, std::size_t size) {
 }
 
 bool ArchiveBatch::data(const char* bytes, std::size_t size) {
-  if (next_ == entries_.size()) return fail("the source sent more archives");
+  if (received_ == entries_.size()) {
+    return fail("the source sent more archives", received_ - 1);
+  }
   if (!file_) open();
   updater_.update(size);
   file_->write(bytes, static_cast<std::streamsize>(size));
-  return file_->good() || fail(file_->error());
+  return file_->good() || fail(file_->error(), received_);
 }
 
 bool ArchiveBatch::end(const std::string& error) {
-  if (next_ == entries_.size()) return fail("the source sent more archives");
+  if (received_ == entries_.size()) {
+    return fail("the source sent more archives", received_ - 1);
+  }
   if (!file_) open();
-  file_->close();
+  remoteErrors_.push_back(error);
+  closer_.close(std::move(file_));
+  ++received_;
+  collect(false);
+  return fault_.empty();
+}
+
+// Verifies the copies closed so far, in order; with wait, all of them.
+void ArchiveBatch::collect(bool wait) {
+  while (fault_.empty() && verified_ < received_) {
+    std::unique_ptr<ReceivingFile> file = closer_.takeClosed(wait);
+    if (!file || !verifyClosed(*file)) return;
+  }
+}
+
+bool ArchiveBatch::verifyClosed(const ReceivingFile& file) {
   Ssh::Receipt receipt;
+  std::string error = remoteErrors_.front();
+  remoteErrors_.pop_front();
   receipt.status = error.empty() ? 0 : 1;
-  receipt.bytes = file_->bytes();
-  receipt.md5sum = file_->md5sum();
-  receipt.writeError = file_->error();
-  const Entry& entry = entries_[next_];
+  receipt.bytes = file.bytes();
+  receipt.md5sum = file.md5sum();
+  receipt.writeError = file.error();
+  const Entry& entry = entries_[verified_];
   std::string fault = listener_.verify(*entry.file, receipt, error);
-  if (!fault.empty()) return fail(fault);
-  file_.reset();
-  confirmations_ += std::to_string(next_) + "\n";
+  if (!fault.empty()) return fail(fault, verified_);
+  confirmations_ += std::to_string(verified_) + "\n";
   logger().debug("Fetched and verified " + entry.remote);
-  ++next_;
+  ++verified_;
   listener_.archiveDone(*entry.file);
   return true;
 }
 
-bool ArchiveBatch::fail(const std::string& why) {
-  if (fault_.empty()) fault_ = why.empty() ? "unknown failure" : why;
+// The copies that arrived before the failing one may well be sound: they
+// are checked first, so that what arrived before a failure stays fetched.
+bool ArchiveBatch::fail(const std::string& why, std::size_t index) {
+  while (fault_.empty() && verified_ < std::min(index, received_)) {
+    std::unique_ptr<ReceivingFile> file = closer_.takeClosed(true);
+    if (!file || !verifyClosed(*file)) break;
+  }
+  if (fault_.empty()) {
+    fault_ = why.empty() ? "unknown failure" : why;
+    failedIndex_ = index;
+  }
   discard();
   return false;
 }
 
 void ArchiveBatch::open() {
-  const Entry& entry = entries_[next_];
+  const Entry& entry = entries_[received_];
   listener_.archiveStarts(*entry.file);
   logger().debug("Reading data to the file " + entry.local);
   file_ = std::make_unique<ReceivingFile>(entry.local, *entry.file->size);
 }
 
-// A copy that is not verified must not pass for an archive later.
+// A copy that is not verified must not pass for an archive later; one the
+// closer still holds loses only its name.
 void ArchiveBatch::discard() {
-  if (!file_) return;
+  std::size_t end = received_ + (file_ ? 1 : 0);
   file_.reset();
-  const std::string& local = entries_[next_].local;
-  if (unlink(local.c_str()) == 0) {
-    logger().debug("Removed the incomplete local copy " + local);
+  for (std::size_t i = verified_; i < end; ++i) {
+    if (unlink(entries_[i].local.c_str()) == 0) {
+      logger().debug("Removed the unverified local copy " + entries_[i].local);
+    }
   }
+  received_ = verified_;
+  remoteErrors_.clear();
 }
 
 long ArchiveBatch::read(char* data, std::size_t size) {
+  collect(false);
   if (confirmations_.empty()) {
-    return next_ == entries_.size() || !fault_.empty() ? kEnd : kNothingYet;
+    return verified_ == entries_.size() || stopped() ? kEnd : kNothingYet;
   }
   std::size_t count = std::min(size, confirmations_.size());
   std::memcpy(data, confirmations_.data(), count);
@@ -114,22 +148,28 @@ long ArchiveBatch::read(char* data, std::size_t size) {
   return static_cast<long>(count);
 }
 
+int ArchiveBatch::idle() {
+  collect(false);
+  int wait = updater_.idle();
+  return verified_ < received_ && (wait <= 0 || wait > 1) ? 1 : wait;
+}
+
 void ArchiveBatch::finish(int status, const std::string& err) {
   if (thrown_) {
     discard();
     std::rethrow_exception(thrown_);
   }
-  if (!fault_.empty() || next_ == entries_.size()) return;
+  collect(true);
+  if (!fault_.empty() || verified_ == entries_.size()) return;
   std::string why = "the remote command ended with status " +
                     std::to_string(status) + " before the archive was sent";
-  fail(err.empty() ? why : why + ": " + err);
+  fail(err.empty() ? why : why + ": " + err, received_);
 }
-
-void ArchiveBatch::abandon() { discard(); }
 
 std::vector<std::string> ArchiveBatch::verifiedRemotes() const {
   std::vector<std::string> remotes;
-  for (std::size_t i = 0; i < next_; ++i) remotes.push_back(entries_[i].remote);
+  for (std::size_t i = 0; i < verified_; ++i)
+    remotes.push_back(entries_[i].remote);
   return remotes;
 }
 

@@ -1,13 +1,15 @@
 // ArchiveBatch: the receiving end of one archive stream (archive_stream.h).
-// Each archive goes to its local file and is verified there; only then is
-// its index confirmed on the command's input, which removes the source
-// copy. The next archive's bytes keep arriving meanwhile, so many small
-// archives cost one command, not a few round trips each.
+// Each archive goes to its local file, which a FileCloser flushes to the
+// disk while the next archive arrives; once closed, the copy is verified,
+// and only then is its index confirmed on the command's input, which
+// removes the source copy. Many small archives thus cost one command, not
+// a few round trips and a disk flush each.
 #ifndef FERROW_ACTIONS_ARCHIVE_BATCH_H_
 #define FERROW_ACTIONS_ARCHIVE_BATCH_H_
 
 #include <algorithm>
 #include <cstddef>
+#include <deque>
 #include <exception>
 #include <memory>
 #include <ostream>
@@ -17,6 +19,7 @@
 
 #include "actions/archive_stream.h"
 #include "actions/file_retrieval_progress_updater.h"
+#include "transport/file_closer.h"
 #include "transport/input_feed.h"
 #include "transport/receiving_file.h"
 #include "transport/ssh_transfer.h"
@@ -60,28 +63,28 @@ class ArchiveBatch : public InputFeed,
   std::ostream& output() { return output_; }
 
   // The confirmations, one line per verified archive; the end once every
-  // archive is verified.
+  // archive is verified, or one failed.
   long read(char* data, std::size_t size) override;
   // Counts only the archives' bytes, as they reach their files.
   void update(std::size_t) override {}
-  int idle() override { return updater_.idle(); }
+  // Asks to be asked again within a millisecond while a copy is being
+  // closed.
+  int idle() override;
 
   // After the command ended with `status` and error text `err`: rethrows
-  // what a listener threw; if not every archive arrived, the first one
-  // missing fails. Removes an unfinished local copy.
+  // what a listener threw; verifies the copies still being closed; if not
+  // every archive arrived, the first one missing fails.
   void finish(int status, const std::string& err);
-  // After the command failed: removes an unfinished local copy.
-  void abandon();
+  // After the command failed: removes every copy not verified.
+  void abandon() { discard(); }
 
   // True once the batch stopped the stream: an archive failed or a
   // listener threw.
   bool stopped() const { return !fault_.empty() || thrown_ != nullptr; }
   // Empty while no archive failed; else what is wrong with failed().
   const std::string& fault() const { return fault_; }
-  const Entry& failed() const {
-    return entries_[std::min(next_, entries_.size() - 1)];
-  }
-  // The archives verified and confirmed so far, in order.
+  const Entry& failed() const { return entries_[failedIndex_]; }
+  // The archives verified so far, in order.
   std::vector<std::string> verifiedRemotes() const;
   const std::vector<Entry>& entries() const { return entries_; }
 
@@ -101,7 +104,9 @@ class ArchiveBatch : public InputFeed,
   bool take(const char* data, std::size_t size);
   bool data(const char* bytes, std::size_t size) override;
   bool end(const std::string& error) override;
-  bool fail(const std::string& why);
+  void collect(bool wait);
+  bool verifyClosed(const ReceivingFile& file);
+  bool fail(const std::string& why, std::size_t index);
   void open();
   void discard();
 
@@ -111,11 +116,18 @@ class ArchiveBatch : public InputFeed,
   ArchiveStreamDecoder decoder_;
   Sink sink_;
   std::ostream output_;
-  std::unique_ptr<ReceivingFile> file_;  // of entries_[next_], once begun
-  std::size_t next_ = 0;
+  // Archives [verified_, received_) are with the closer, their senders'
+  // error texts in remoteErrors_; file_ is entries_[received_], once begun.
+  std::size_t received_ = 0;
+  std::size_t verified_ = 0;
+  std::unique_ptr<ReceivingFile> file_;
+  std::deque<std::string> remoteErrors_;
   std::string confirmations_;  // not yet handed to the pump
   std::string fault_;
+  std::size_t failedIndex_ = 0;
   std::exception_ptr thrown_;
+  // Last: its thread must end before what it closes for goes.
+  FileCloser closer_;
 };
 
 }  // namespace tovel

@@ -6,9 +6,8 @@ namespace tovel {
 
 namespace {
 
-// Kept free of single quotes, so that the shell quoting of the command
-// line stays one plain quoted word. The sender ignores SIGPIPE and stops
-// at a failed write; the remover keeps going until its input ends.
+// The sender ignores SIGPIPE and stops at a failed write; the remover
+// keeps going until its input ends.
 const char kProgram[] =
     "$SIG{PIPE}=\"IGNORE\";binmode STDOUT;"
     "defined(my $p=fork) or die \"fork: $!\\n\";"
@@ -28,7 +27,21 @@ const uint32_t kErrorFlag = 1u << 31;
 
 }  // namespace
 
-const char* archiveStreamProgram() { return kProgram; }
+// The program travels hex-encoded inside a wrapper without braces, quotes
+// or blanks: a login shell that expands "{a,b}" (bash, csh) or quotes
+// differently cannot change a byte of it.
+const std::string& archiveStreamProgram() {
+  static const std::string wrapped = [] {
+    static const char kDigits[] = "0123456789abcdef";
+    std::string hex;
+    for (const char* c = kProgram; *c != '\0'; ++c) {
+      hex += kDigits[static_cast<unsigned char>(*c) >> 4];
+      hex += kDigits[static_cast<unsigned char>(*c) & 15];
+    }
+    return "eval(pack(q(H*),q(" + hex + ")));die($@)";
+  }();
+  return wrapped;
+}
 
 bool ArchiveStreamDecoder::push(const char* bytes, std::size_t size) {
   while (size > 0 && state_ != kStopped) {

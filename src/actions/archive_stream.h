@@ -27,8 +27,9 @@
 
 namespace tovel {
 
-// The program text for "perl -e".
-const char* archiveStreamProgram();
+// The program text for "perl -e": a wrapper that decodes and runs the
+// program, made of letters, digits and "()*;$@" only.
+const std::string& archiveStreamProgram();
 
 class ArchiveStreamDecoder {
  public:

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "actions/agent_commands.h"
+#include "actions/archive_stream.h"
 #include "actions/dumping_status_pull.h"
 #include "actions/remove_dumping_status_action.h"
 #include "actions/retrieval_errors.h"
@@ -409,7 +410,8 @@ TEST(FileRetrievalProgressUpdaterTest, FiguresFollowEveryChunkSavesAreSpaced) {
 }
 
 // Each line as a shell runs it: the directory stays one word, whatever
-// it holds; a plain one is spelt as it always was.
+// it holds; a plain one is spelt as it always was; the archive stream's
+// program reaches perl whole.
 TEST(AgentCommandsTest, TheAgentDirectoryIsOneWordInEveryLine) {
   ferrow_test::TempDir tmp;
   writeFile(tmp.path() + "/spec", "EntryPoint: a.sh\nInterpreter: echo\n");
@@ -433,9 +435,15 @@ TEST(AgentCommandsTest, TheAgentDirectoryIsOneWordInEveryLine) {
         {words + AgentCommands::giveTo("u", c.dumpingStatusFile()),
          "[chown][u][" + dir + "/dumping-status.xml]"},
         {words + AgentCommands::removeFile(c.path("f")), "[rm][" + dir + "/f]"},
+        {words + AgentCommands::streamArchives({c.path("a,b"), c.path("{c}")}),
+         "[perl][-e][" + archiveStreamProgram() + "][--][" + dir + "/a,b][" +
+             dir + "/{c}]"},
     };
-    for (const auto& [line, shown] : rows)
-      EXPECT_EQ(ferrow_test::runCommand({"sh", "-c", line}).out, shown) << line;
+    // bash, as many a login shell, also expands "{x,y}" words.
+    for (const char* shell : {"sh", "bash"})
+      for (const auto& [line, shown] : rows)
+        EXPECT_EQ(ferrow_test::runCommand({shell, "-c", line}).out, shown)
+            << shell << " " << line;
   }
 }
 
