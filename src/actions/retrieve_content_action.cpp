@@ -291,13 +291,16 @@ void RetrieveContentAction::fetchBatch(
   }
   batch.finish(status, err.str());
   logFailedRemovals(err.str(), batch.entries());
-  if (batch.fault().empty()) return;
-  // Confirmations still on their way when the command stopped may not
-  // have arrived; removing what is already gone changes nothing.
-  std::vector<std::string> verified = batch.verifiedRemotes();
-  if (!verified.empty()) {
-    removeRemoteFiles(verified, AgentCommands::removeFiles(verified));
+  // After a failure, confirmations on their way when the command stopped
+  // may not have arrived; removing what is already gone changes nothing.
+  // After a success only one never handed over is left to remove.
+  std::vector<std::string> again = batch.fault().empty()
+                                       ? batch.unconfirmedRemotes()
+                                       : batch.verifiedRemotes();
+  if (!again.empty()) {
+    removeRemoteFiles(again, AgentCommands::removeFiles(again));
   }
+  if (batch.fault().empty()) return;
   const ArchiveBatch::Entry& failed = batch.failed();
   TOVEL_THROW(CantRetrieveContentFile) % failed.remote % cfg().host %
       failed.local % batch.fault();
