@@ -24,9 +24,7 @@ ArchiveBatch::ArchiveBatch(std::vector<Entry> entries,
       listener_(listener),
       decoder_(*this),
       sink_(*this),
-      output_(&sink_) {
-  openAhead(0);
-}
+      output_(&sink_) {}
 
 ArchiveBatch::~ArchiveBatch() { discard(); }
 
@@ -71,7 +69,7 @@ bool ArchiveBatch::end(const std::string& error) {
   }
   if (!file_) open();
   remoteErrors_.push_back(error);
-  worker_.close(std::move(file_));
+  closer_.close(std::move(file_));
   ++received_;
   collect(false);
   return fault_.empty();
@@ -80,7 +78,7 @@ bool ArchiveBatch::end(const std::string& error) {
 // Verifies the copies closed so far, in order; with wait, all of them.
 void ArchiveBatch::collect(bool wait) {
   while (fault_.empty() && verified_ < received_) {
-    std::unique_ptr<ReceivingFile> file = worker_.takeClosed(wait);
+    std::unique_ptr<ReceivingFile> file = closer_.takeClosed(wait);
     if (!file || !verifyClosed(*file)) return;
   }
 }
@@ -107,7 +105,7 @@ bool ArchiveBatch::verifyClosed(const ReceivingFile& file) {
 // are checked first, so that what arrived before a failure stays fetched.
 bool ArchiveBatch::fail(const std::string& why, std::size_t index) {
   while (fault_.empty() && verified_ < std::min(index, received_)) {
-    std::unique_ptr<ReceivingFile> file = worker_.takeClosed(true);
+    std::unique_ptr<ReceivingFile> file = closer_.takeClosed(true);
     if (!file || !verifyClosed(*file)) break;
   }
   if (fault_.empty()) {
@@ -122,32 +120,14 @@ void ArchiveBatch::open() {
   const Entry& entry = entries_[received_];
   listener_.archiveStarts(*entry.file);
   logger().debug("Reading data to the file " + entry.local);
-  file_ = worker_.takeOpened();
-  openAhead(received_ + 1);
-}
-
-void ArchiveBatch::openAhead(std::size_t index) {
-  ahead_ = index;
-  if (index < entries_.size()) {
-    worker_.open(entries_[index].local, *entries_[index].file->size);
-  }
+  file_ = std::make_unique<ReceivingFile>(entry.local, *entry.file->size);
 }
 
 // A copy that is not verified must not pass for an archive later; one the
-// worker still holds loses only its name.
+// closer still holds loses only its name.
 void ArchiveBatch::discard() {
   std::size_t end = received_ + (file_ ? 1 : 0);
   file_.reset();
-  if (ahead_ < entries_.size()) {
-    // Created or not, it is gone before its name.
-    try {
-      worker_.takeOpened();
-    } catch (const std::exception& e) {
-      logger().debug(std::string("Creating a local copy failed: ") + e.what());
-    }
-    end = ahead_ + 1;
-    ahead_ = entries_.size();
-  }
   for (std::size_t i = verified_; i < end; ++i) {
     if (unlink(entries_[i].local.c_str()) == 0) {
       logger().debug("Removed the unverified local copy " + entries_[i].local);

@@ -1,7 +1,6 @@
 // ArchiveBatch: the receiving end of one archive stream (archive_stream.h).
-// Each archive goes to its local file, which a FileWorker creates ahead
-// and flushes to the disk behind while the next archive arrives; once
-// closed, the copy is verified,
+// Each archive goes to its local file, which a FileCloser flushes to the
+// disk while the next archive arrives; once closed, the copy is verified,
 // and only then is its index confirmed on the command's input, which
 // removes the source copy. Many small archives thus cost one command, not
 // a few round trips and a disk flush each.
@@ -20,7 +19,7 @@
 
 #include "actions/archive_stream.h"
 #include "actions/file_retrieval_progress_updater.h"
-#include "transport/file_worker.h"
+#include "transport/file_closer.h"
 #include "transport/input_feed.h"
 #include "transport/receiving_file.h"
 #include "transport/ssh_transfer.h"
@@ -54,7 +53,7 @@ class ArchiveBatch : public InputFeed,
   };
 
   // entries must not be empty. None of the references is owned; all must
-  // outlive the batch. The first local file is created (truncated) at once.
+  // outlive the batch.
   ArchiveBatch(std::vector<Entry> entries,
                FileRetrievalProgressUpdater& updater, Listener& listener);
   ~ArchiveBatch() override;
@@ -111,7 +110,6 @@ class ArchiveBatch : public InputFeed,
   bool verifyClosed(const ReceivingFile& file);
   bool fail(const std::string& why, std::size_t index);
   void open();
-  void openAhead(std::size_t index);
   void discard();
 
   std::vector<Entry> entries_;
@@ -120,20 +118,18 @@ class ArchiveBatch : public InputFeed,
   ArchiveStreamDecoder decoder_;
   Sink sink_;
   std::ostream output_;
-  // Archives [verified_, received_) are being closed, their senders' error
-  // texts in remoteErrors_; file_ is entries_[received_], once begun; the
-  // worker creates entries_[ahead_] unless it is entries_.size().
+  // Archives [verified_, received_) are with the closer, their senders'
+  // error texts in remoteErrors_; file_ is entries_[received_], once begun.
   std::size_t received_ = 0;
   std::size_t verified_ = 0;
   std::unique_ptr<ReceivingFile> file_;
-  std::size_t ahead_ = 0;
   std::deque<std::string> remoteErrors_;
   std::string confirmations_;  // not yet handed to the pump
   std::string fault_;
   std::size_t failedIndex_ = 0;
   std::exception_ptr thrown_;
-  // Last: its thread must end before what it works for goes.
-  FileWorker worker_;
+  // Last: its thread must end before what it closes for goes.
+  FileCloser closer_;
 };
 
 }  // namespace tovel
