@@ -28,14 +28,6 @@ ArchiveBatch::ArchiveBatch(std::vector<Entry> entries,
 
 ArchiveBatch::~ArchiveBatch() { discard(); }
 
-ArchiveBatch::Sink::int_type ArchiveBatch::Sink::overflow(int_type c) {
-  if (traits_type::eq_int_type(c, traits_type::eof())) {
-    return traits_type::not_eof(c);
-  }
-  char byte = traits_type::to_char_type(c);
-  return xsputn(&byte, 1) == 1 ? c : traits_type::eof();
-}
-
 std::streamsize ArchiveBatch::Sink::xsputn(const char* data,
                                            std::streamsize size) {
   return batch_.take(data, static_cast<std::size_t>(size)) ? size : 0;
@@ -55,7 +47,7 @@ bool ArchiveBatch::take(const char* data, std::size_t size) {
 
 bool ArchiveBatch::data(const char* bytes, std::size_t size) {
   if (received_ == entries_.size()) {
-    return fail("the source sent more archives", received_ - 1);
+    return fail("the source sent more archives", received_);
   }
   if (!file_) open();
   updater_.update(size);
@@ -65,7 +57,7 @@ bool ArchiveBatch::data(const char* bytes, std::size_t size) {
 
 bool ArchiveBatch::end(const std::string& error) {
   if (received_ == entries_.size()) {
-    return fail("the source sent more archives", received_ - 1);
+    return fail("the source sent more archives", received_);
   }
   if (!file_) open();
   remoteErrors_.push_back(error);
@@ -110,7 +102,8 @@ bool ArchiveBatch::fail(const std::string& why, std::size_t index) {
   }
   if (fault_.empty()) {
     fault_ = why.empty() ? "unknown failure" : why;
-    failedIndex_ = index;
+    // A stream that goes on after the last archive fails that one.
+    failedIndex_ = std::min(index, entries_.size() - 1);
   }
   discard();
   return false;

@@ -19,6 +19,7 @@
 
 #include "actions/archive_stream.h"
 #include "actions/file_retrieval_progress_updater.h"
+#include "commons/unbuffered_output.h"
 #include "transport/file_closer.h"
 #include "transport/input_feed.h"
 #include "transport/receiving_file.h"
@@ -91,12 +92,11 @@ class ArchiveBatch : public InputFeed,
   const std::vector<Entry>& entries() const { return entries_; }
 
  private:
-  class Sink : public std::streambuf {
+  class Sink : public UnbufferedOutput {
    public:
     explicit Sink(ArchiveBatch& batch) : batch_(batch) {}
 
    protected:
-    int_type overflow(int_type c) override;
     std::streamsize xsputn(const char* data, std::streamsize size) override;
 
    private:

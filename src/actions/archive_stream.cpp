@@ -6,20 +6,21 @@ namespace tovel {
 
 namespace {
 
-// The sender ignores SIGPIPE and stops at a failed write; the remover
-// keeps going until its input ends.
+// The sender ignores SIGPIPE and stops at a failed write; it writes the
+// data it read in place, without copies. The remover keeps going until its
+// input ends.
 const char kProgram[] =
     "$SIG{PIPE}=\"IGNORE\";binmode STDOUT;"
     "defined(my $p=fork) or die \"fork: $!\\n\";"
     "if(!$p){close STDOUT;while(<STDIN>){chomp;next if !/^\\d+$/||$_>$#ARGV;"
     "unlink $ARGV[$_] or print STDERR \"unlink $_: $!\\n\"}exit 0}"
     "close STDIN;"
-    "sub w{my $d=shift;while(length $d){my $n=syswrite STDOUT,$d;exit 1 if !$n;"
-    "substr($d,0,$n)=\"\"}}"
+    "sub w{my $o=0;while($o<length $_[0]){"
+    "my $n=syswrite STDOUT,$_[0],length($_[0])-$o,$o;exit 1 if !$n;$o+=$n}}"
     "sub e{w(pack(\"N\",2**31+length $_[0]).$_[0])}"
     "for my $f(@ARGV){my($h,$b,$n);"
     "if(!open $h,\"<\",$f){e(\"cannot open $f: $!\");next}binmode $h;"
-    "w(pack(\"N\",$n).$b) while $n=sysread $h,$b,65536;"
+    "while($n=sysread $h,$b,262144){w(pack(\"N\",$n));w($b)}"
     "defined $n?w(pack(\"N\",0)):e(\"cannot read $f: $!\");close $h}"
     "close STDOUT;wait;exit 0";
 

@@ -19,6 +19,7 @@
 #include "commons/make_dir.h"
 #include "commons/session_files.h"
 #include "commons/sh_quote.h"
+#include "commons/unbuffered_output.h"
 
 namespace tovel {
 
@@ -80,20 +81,13 @@ const std::size_t kMaxContentListBytes = std::size_t(64) << 20;
 
 // Collects text up to a limit; past it every write fails, which stops the
 // command that writes.
-class BoundedText : public std::streambuf {
+class BoundedText : public UnbufferedOutput {
  public:
   explicit BoundedText(std::size_t limit) : limit_(limit) {}
   const std::string& str() const { return text_; }
   bool overflowed() const { return overflowed_; }
 
  protected:
-  int_type overflow(int_type c) override {
-    if (traits_type::eq_int_type(c, traits_type::eof())) {
-      return traits_type::not_eof(c);
-    }
-    char byte = traits_type::to_char_type(c);
-    return xsputn(&byte, 1) == 1 ? c : traits_type::eof();
-  }
   std::streamsize xsputn(const char* data, std::streamsize size) override {
     if (size < 0 || text_.size() + static_cast<std::size_t>(size) > limit_) {
       overflowed_ = true;

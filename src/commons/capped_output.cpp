@@ -7,15 +7,6 @@ namespace tovel {
 CappedBuffer::CappedBuffer(std::size_t head, std::size_t tail)
     : headLimit_(head), tailLimit_(tail) {}
 
-std::streambuf::int_type CappedBuffer::overflow(int_type c) {
-  if (traits_type::eq_int_type(c, traits_type::eof())) {
-    return traits_type::not_eof(c);
-  }
-  char byte = traits_type::to_char_type(c);
-  xsputn(&byte, 1);
-  return c;
-}
-
 std::streamsize CappedBuffer::xsputn(const char* data, std::streamsize count) {
   std::size_t size = static_cast<std::size_t>(count);
   written_ += size;

@@ -10,9 +10,11 @@
 #include <streambuf>
 #include <string>
 
+#include "commons/unbuffered_output.h"
+
 namespace tovel {
 
-class CappedBuffer : public std::streambuf {
+class CappedBuffer : public UnbufferedOutput {
  public:
   // Keeps the first `head` and the last `tail` bytes.
   CappedBuffer(std::size_t head, std::size_t tail);
@@ -24,7 +26,6 @@ class CappedBuffer : public std::streambuf {
   uint64_t size() const { return written_; }
 
  protected:
-  int_type overflow(int_type c) override;
   std::streamsize xsputn(const char* data, std::streamsize count) override;
 
  private:

@@ -88,14 +88,6 @@ bool ReceivingFile::Buffer::close() {
   return error_.empty();
 }
 
-ReceivingFile::Buffer::int_type ReceivingFile::Buffer::overflow(int_type c) {
-  if (traits_type::eq_int_type(c, traits_type::eof())) {
-    return traits_type::not_eof(c);
-  }
-  char byte = traits_type::to_char_type(c);
-  return xsputn(&byte, 1) == 1 ? c : traits_type::eof();
-}
-
 // Counts and sums only what the file took: after a failed write the stream
 // is bad and the caller stops.
 std::streamsize ReceivingFile::Buffer::xsputn(const char* data,

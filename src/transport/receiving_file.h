@@ -13,6 +13,7 @@
 #include <string>
 
 #include "commons/checksum.h"
+#include "commons/unbuffered_output.h"
 #include "transport/file_follower.h"
 
 namespace tovel {
@@ -46,7 +47,7 @@ class ReceivingFile : public std::ostream {
  private:
   // Unbuffered: every chunk goes straight to write(2). Owns the
   // descriptor.
-  class Buffer : public std::streambuf {
+  class Buffer : public UnbufferedOutput {
    public:
     Buffer(const std::string& path, uint64_t maxBytes);
     ~Buffer() override;
@@ -56,7 +57,6 @@ class ReceivingFile : public std::ostream {
     const std::string& error() const { return error_; }
 
    protected:
-    int_type overflow(int_type c) override;
     std::streamsize xsputn(const char* data, std::streamsize size) override;
 
    private:
