@@ -8,12 +8,17 @@ namespace {
 
 // The sender ignores SIGPIPE and stops at a failed write; it writes the
 // data it read in place, without copies. The remover keeps going until its
-// input ends.
+// input ends, or until the sender is gone and no input came for a second:
+// a sender that died must not leave the command open for ever.
 const char kProgram[] =
     "$SIG{PIPE}=\"IGNORE\";binmode STDOUT;"
     "defined(my $p=fork) or die \"fork: $!\\n\";"
-    "if(!$p){close STDOUT;while(<STDIN>){chomp;next if !/^\\d+$/||$_>$#ARGV;"
-    "unlink $ARGV[$_] or print STDERR \"unlink $_: $!\\n\"}exit 0}"
+    "if(!$p){close STDOUT;my($q,$l)=(getppid,\"\");"
+    "for(;;){my $r=\"\";vec($r,fileno STDIN,1)=1;"
+    "if(select($r,undef,undef,1)>0){last if !sysread STDIN,$l,4096,length $l;"
+    "while($l=~s/^([^\\n]*)\\n//){my $i=$1;next if $i!~/^\\d+$/||$i>$#ARGV;"
+    "unlink $ARGV[$i] or print STDERR \"unlink $i: $!\\n\"}}"
+    "elsif(getppid!=$q){last}}exit 0}"
     "close STDIN;"
     "sub w{my $o=0;while($o<length $_[0]){"
     "my $n=syswrite STDOUT,$_[0],length($_[0])-$o,$o;exit 1 if !$n;$o+=$n}}"

@@ -17,7 +17,8 @@
 // and removes that archive at once; a removal that fails is reported on
 // standard error as "unlink INDEX: REASON". It ends at the end of its input,
 // even after the sender has stopped, so that every confirmation that
-// arrived is carried out.
+// arrived is carried out; when the sender died, it ends once no input came
+// for a second.
 #ifndef FERROW_ACTIONS_ARCHIVE_STREAM_H_
 #define FERROW_ACTIONS_ARCHIVE_STREAM_H_
 

@@ -345,6 +345,45 @@ TEST_F(ContentFaultsTest, ManyArchivesSurviveACutUnderALimitOfTwoSessions) {
   EXPECT_GT(reader.reads, 10);
 }
 
+// The source's sending program dies in the middle of a batch (it waits
+// on a FIFO): the step fails within seconds, naming the archive it never
+// sent; what came before stays fetched and gone from the source.
+TEST_F(ContentFaultsTest, SenderDyingMidBatchFailsTheStep) {
+  std::string first = addArchive("first.tgz", 5000);
+  addArchive("stuck.tgz", 5000, false);
+  addArchive("last.tgz", 5000);
+  writeList();
+  ASSERT_EQ(0, mkfifo(remote("stuck.tgz").c_str(), 0644));
+  auto isProgram = [](pid_t pid) {
+    return procFile(pid, "cmdline").find("eval(pack(q(H*)") != std::string::npos;
+  };
+  pid_t sender = 0;  // the program whose parent is not the program
+  RunResult r;
+  std::thread run([&] { r = getContent(); });
+  bool found = waitFor([&] { return !fileExists(remote("first.tgz")); }) &&
+               waitFor([&] {
+                 for (pid_t pid : allPids()) {
+                   std::string status = procFile(pid, "status");
+                   size_t at = status.find("PPid:");
+                   if (isProgram(pid) && at != std::string::npos &&
+                       !isProgram(std::atoi(status.c_str() + at + 5)))
+                     sender = pid;
+                 }
+                 return sender != 0;
+               });
+  Clock::time_point killedAt = Clock::now();
+  if (found) kill(sender, SIGKILL);
+  run.join();
+  ASSERT_TRUE(found);
+  EXPECT_LT(secondsSince(killedAt), 5);
+  expectFailedFetch(r, "CantRetrieveContentFile");
+  EXPECT_THAT(record(), HasSubstr(remote("stuck.tgz") + "' from '127.0.0.1'"));
+  EXPECT_THAT(record(), HasSubstr("before the archive was sent"));
+  EXPECT_TRUE(readFile(local("first.tgz")) == first);
+  EXPECT_FALSE(fileExists(local("stuck.tgz")) || fileExists(local("last.tgz")));
+  EXPECT_TRUE(fileExists(remote("last.tgz")));
+}
+
 // Each list after a sound first entry (one name check, one number parser,
 // one XML parser): a clear error, nothing fetched or written anywhere.
 TEST_F(ContentFaultsTest, HostileListsAreRefusedBeforeAnyFetch) {
