@@ -60,11 +60,22 @@ bool ArchiveBatch::end(const std::string& error) {
     return fail("the source sent more archives", received_);
   }
   if (!file_) open();
+  std::unique_ptr<ReceivingFile> file = std::move(file_);
+  bool knownBad =
+      !error.empty() || file->bytes() != *entries_[received_].file->size;
   remoteErrors_.push_back(error);
-  closer_.close(std::move(file_));
   ++received_;
-  collect(false);
-  return fault_.empty();
+  if (!knownBad) {
+    closer_.close(std::move(file));
+    collect(false);
+    return fault_.empty();
+  }
+  // What the source reported, or a length unlike the list's, is known
+  // now: the archives before it are settled and none after it is begun.
+  collect(true);
+  if (!fault_.empty()) return false;
+  file->close();
+  return verifyClosed(*file);
 }
 
 // Verifies the copies closed so far, in order; with wait, all of them.

@@ -85,8 +85,8 @@ std::size_t ArchiveStreamDecoder::takeHeader(const char* bytes,
 
 // False when the stream must stop here.
 bool ArchiveStreamDecoder::startRecord() {
-  uint32_t header = (uint32_t(header_[0]) << 24) | (uint32_t(header_[1]) << 16) |
-                    (uint32_t(header_[2]) << 8) | uint32_t(header_[3]);
+  uint32_t header = 0;
+  for (unsigned char byte : header_) header = (header << 8) | byte;
   headerLength_ = 0;
   if (header == 0) return handler_.end(std::string());
   if ((header & kErrorFlag) == 0) {

@@ -59,10 +59,10 @@ class Ssh {
 
   // Runs `command` (one remote shell line) and returns its exit status; a
   // command ended by a signal returns 128 + the signal's number. `in` is
-  // sent as its standard input as it becomes ready, then EOF, while its standard output goes
-  // to `out` (each chunk told to `counter`) and its standard error to
-  // `err`; input and output flow at the same time, so neither side can
-  // stall the other. Unless quietOutput/quietInput, the bytes are logged at
+  // sent as its standard input as it becomes ready (InputFeed), then EOF,
+  // while its standard output goes to `out` (each chunk told to `counter`)
+  // and its standard error to `err`; input and output flow at the same
+  // time, so neither side can stall the other. Unless quietOutput/quietInput, the bytes are logged at
   // DEBUG, every registered secret masked. A wait for the remote side
   // lasts no longer than `counter` asks (Counter::idle). Between chunks,
   // and at least every 5 s while the command is silent, the termination

@@ -317,14 +317,16 @@ TEST_F(RetrieveContentActionTest, UnsoundCopyKeepsTheSourceArchive) {
     if (c.blocked) writeFile(local("sub"), "in the way");
     if (c.missing) unlink(remote(bad).c_str());
     addArchive("after.tgz", 100);
+    writeFile(local("after.tgz"), "an older copy, not touched");
     writeList(200000);
     EXPECT_EQ(failure(), "CantRetrieveContentFile: Failed to retrieve file '" +
                              remote(bad) + "' from '127.0.0.1' to '" +
                              local(bad) + "': " + c.why);
     EXPECT_TRUE(readFile(local("first.tgz")) == first);
-    EXPECT_FALSE(
-        fileExists(remote("first.tgz")) || fs::is_regular_file(local(bad)) ||
-        fileExists(local("after.tgz")) || fileExists(local("dump-name")));
+    EXPECT_FALSE(fileExists(remote("first.tgz")) ||
+                 fs::is_regular_file(local(bad)) ||
+                 fileExists(local("dump-name")));
+    EXPECT_EQ(readFile(local("after.tgz")), "an older copy, not touched");
     EXPECT_TRUE((c.missing || fileExists(remote(bad))) &&
                 fileExists(remote("after.tgz")));
   }

@@ -42,7 +42,7 @@ struct Recorder : ArchiveStreamDecoder::Handler {
   }
 };
 
-TEST(ArchiveStreamDecoderTest, SameEventsInAnyPiecesAndFaultsForForeignStreams) {
+TEST(ArchiveStreamDecoderTest, SameEventsInAnyPiecesFaultsForForeignOnes) {
   const struct {
     const char* name;
     std::string stream;
