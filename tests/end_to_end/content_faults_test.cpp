@@ -295,8 +295,8 @@ struct StatusReader {
   std::string name_;
 };
 
-// A few hundred small archives from a server that lets a connection have
-// two sessions at once. The connection is cut while the source stalls in
+// A few hundred small archives, in several commands, from a server that
+// lets a connection have two sessions at once. The connection is cut while the source stalls in
 // the middle archive (a FIFO): every archive verified by then is gone from
 // the source, no other one; the rerun completes, and a reader of the
 // status document meanwhile sees only whole documents moving forward.
@@ -306,7 +306,9 @@ TEST_F(ContentFaultsTest, ManyArchivesSurviveACutUnderALimitOfTwoSessions) {
   const size_t kCount = 300, kStall = 150;
   std::vector<std::string> bytes;
   for (size_t i = 0; i < kCount; ++i)
-    bytes.push_back(addArchive("site" + std::to_string(1000 + i) + ".tgz",
+    // Long names: about 128 archives fill the paths of one command.
+    bytes.push_back(addArchive(std::string(230, 's') + std::to_string(1000 + i) +
+                                   ".tgz",
                                2000 + i, i != kStall));
   writeList();
   const std::string stalled = remote(listed_[kStall].name);
