@@ -170,11 +170,15 @@ void ArchiveBatch::finish(int status, const std::string& err) {
   fail(err.empty() ? why : why + ": " + err, received_);
 }
 
+std::vector<std::string> ArchiveBatch::remotes(std::size_t from,
+                                               std::size_t to) const {
+  std::vector<std::string> paths;
+  for (std::size_t i = from; i < to; ++i) paths.push_back(entries_[i].remote);
+  return paths;
+}
+
 std::vector<std::string> ArchiveBatch::verifiedRemotes() const {
-  std::vector<std::string> remotes;
-  for (std::size_t i = 0; i < verified_; ++i)
-    remotes.push_back(entries_[i].remote);
-  return remotes;
+  return remotes(0, verified_);
 }
 
 // The lines still held, a line partly handed over among them, are the
@@ -182,10 +186,7 @@ std::vector<std::string> ArchiveBatch::verifiedRemotes() const {
 std::vector<std::string> ArchiveBatch::unconfirmedRemotes() const {
   std::size_t held = static_cast<std::size_t>(
       std::count(confirmations_.begin(), confirmations_.end(), '\n'));
-  std::vector<std::string> remotes;
-  for (std::size_t i = verified_ - held; i < verified_; ++i)
-    remotes.push_back(entries_[i].remote);
-  return remotes;
+  return remotes(verified_ - held, verified_);
 }
 
 }  // namespace tovel

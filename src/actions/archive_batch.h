@@ -85,6 +85,8 @@ class ArchiveBatch : public InputFeed,
   // Empty while no archive failed; else what is wrong with failed().
   const std::string& fault() const { return fault_; }
   const Entry& failed() const { return entries_[failedIndex_]; }
+  // The source paths of entries [from, to).
+  std::vector<std::string> remotes(std::size_t from, std::size_t to) const;
   // The archives verified so far, in order.
   std::vector<std::string> verifiedRemotes() const;
   // Those whose confirmation was not handed to the command whole.

@@ -264,14 +264,13 @@ void RetrieveContentAction::fetchFile(const DumpFile& f,
 
 void RetrieveContentAction::fetchBatch(
     std::vector<ArchiveBatch::Entry> entries) {
-  std::vector<std::string> remotes;
-  for (const ArchiveBatch::Entry& entry : entries)
-    remotes.push_back(entry.remote);
   ArchiveBatch batch(std::move(entries), *updater_, *this);
+  const std::string command =
+      AgentCommands::streamArchives(batch.remotes(0, batch.entries().size()));
   CappedOutput err;
   int status = -1;
   try {
-    status = execRoot(AgentCommands::streamArchives(remotes), batch,
+    status = execRoot(command, batch,
                       batch.output(), err, true, true, batch);
   } catch (const Exc<&StreamWrite>&) {
     // Only the batch's own stop is its business.
