@@ -1,5 +1,7 @@
 #include "actions/agent_commands.h"
 
+#include <algorithm>
+
 #include "actions/archive_stream.h"
 #include "agents/agent.h"
 #include "commons/args_builder.h"
@@ -84,10 +86,18 @@ std::string AgentCommands::giveTo(const std::string& login,
 }
 
 std::string AgentCommands::streamArchives(
-    const std::vector<std::string>& paths) {
+    const std::vector<std::string>& paths,
+    const std::vector<uint64_t>& starts) {
+  // Most batches start every archive at 0: one "0" says so.
+  std::string list;
+  if (std::any_of(starts.begin(), starts.end(),
+                  [](uint64_t start) { return start != 0; })) {
+    for (uint64_t start : starts) list += std::to_string(start) + ",";
+    list.pop_back();
+  }
   ArgsBuilder line;
   line << "perl"
-       << "-e" << archiveStreamProgram() << "--";
+       << "-e" << archiveStreamProgram() << "--" << (list.empty() ? "0" : list);
   for (const std::string& path : paths) line << path;
   return line.str();
 }

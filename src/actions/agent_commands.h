@@ -12,6 +12,7 @@
 #ifndef FERROW_ACTIONS_AGENT_COMMANDS_H_
 #define FERROW_ACTIONS_AGENT_COMMANDS_H_
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -57,9 +58,11 @@ class AgentCommands {
   static std::string removeFile(const std::string& path);
   static std::string makeDir(const std::string& path);
   static std::string giveTo(const std::string& login, const std::string& path);
-  // "perl -e PROGRAM -- PATH...": the archives sent back to back, each
+  // "perl -e PROGRAM -- STARTS PATH...": the archives sent back to back,
+  // each from its byte of `starts` (from 0 where it has none), each
   // removed once its index is confirmed on the input (archive_stream.h).
-  static std::string streamArchives(const std::vector<std::string>& paths);
+  static std::string streamArchives(const std::vector<std::string>& paths,
+                                    const std::vector<uint64_t>& starts = {});
   // "rm -f PATH...".
   static std::string removeFiles(const std::vector<std::string>& paths);
 

@@ -1,7 +1,5 @@
 #include "actions/archive_batch.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstring>
 #include <log4cpp/Category.hh>
@@ -122,21 +120,24 @@ bool ArchiveBatch::fail(const std::string& why, std::size_t index) {
 
 void ArchiveBatch::open() {
   const Entry& entry = entries_[received_];
-  listener_.archiveStarts(*entry.file);
+  listener_.archiveStarts(*entry.file, entry.start);
   logger().debug("Reading data to the file " + entry.local);
-  file_ = std::make_unique<ReceivingFile>(entry.local, *entry.file->size);
+  file_ = std::make_unique<ReceivingFile>(entry.local, *entry.file->size,
+                                          entry.start);
 }
 
 // A copy that is not verified must not pass for an archive later; one the
-// closer still holds loses only its name.
+// closer still holds loses only its name. Copies kept from earlier fetches
+// but not begun yet are handed over too.
 void ArchiveBatch::discard() {
   std::size_t end = received_ + (file_ ? 1 : 0);
   file_.reset();
-  for (std::size_t i = verified_; i < end; ++i) {
-    if (unlink(entries_[i].local.c_str()) == 0) {
-      logger().debug("Removed the unverified local copy " + entries_[i].local);
+  if (!abandoned_) {
+    for (std::size_t i = verified_; i < entries_.size(); ++i) {
+      listener_.unverified(entries_[i], i < end);
     }
   }
+  abandoned_ = true;
   received_ = verified_;
   remoteErrors_.clear();
 }
@@ -175,6 +176,12 @@ std::vector<std::string> ArchiveBatch::remotes(std::size_t from,
   std::vector<std::string> paths;
   for (std::size_t i = from; i < to; ++i) paths.push_back(entries_[i].remote);
   return paths;
+}
+
+std::vector<uint64_t> ArchiveBatch::starts() const {
+  std::vector<uint64_t> starts;
+  for (const Entry& entry : entries_) starts.push_back(entry.start);
+  return starts;
 }
 
 std::vector<std::string> ArchiveBatch::verifiedRemotes() const {

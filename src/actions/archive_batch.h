@@ -36,14 +36,18 @@ class ArchiveBatch : public InputFeed,
     const DumpFile* file;  // of listed size; not owned
     std::string local;
     std::string remote;
+    // Bytes of the archive already in `local`, kept from an earlier fetch:
+    // the stream starts after them.
+    uint64_t start = 0;
   };
 
   // What the fetch decides around each archive.
   class Listener {
    public:
     virtual ~Listener() = default;
-    // Before the archive's local file is created.
-    virtual void archiveStarts(const DumpFile& f) = 0;
+    // Before the archive's local file is opened; `kept` of its bytes are
+    // there already.
+    virtual void archiveStarts(const DumpFile& f, uint64_t kept) = 0;
     // The local copy is closed: empty when it is sound, else what is wrong
     // with it. remoteError is the sender's, empty when it read the archive
     // through.
@@ -51,6 +55,10 @@ class ArchiveBatch : public InputFeed,
                                const std::string& remoteError) = 0;
     // After a sound copy was confirmed for removal.
     virtual void archiveDone(const DumpFile& f) = 0;
+    // The batch stopped before entry's copy was verified: the listener
+    // keeps or removes what is in entry.local. begun: the batch wrote to
+    // it. Must not throw.
+    virtual void unverified(const Entry& entry, bool begun) = 0;
   };
 
   // entries must not be empty. None of the references is owned; all must
@@ -76,7 +84,8 @@ class ArchiveBatch : public InputFeed,
   // what a listener threw; verifies the copies still being closed; if not
   // every archive arrived, the first one missing fails.
   void finish(int status, const std::string& err);
-  // After the command failed: removes every copy not verified.
+  // After the command failed: hands every copy not verified to the
+  // listener (Listener::unverified), once.
   void abandon() { discard(); }
 
   // True once the batch stopped the stream: an archive failed or a
@@ -87,6 +96,10 @@ class ArchiveBatch : public InputFeed,
   const Entry& failed() const { return entries_[failedIndex_]; }
   // The source paths of entries [from, to).
   std::vector<std::string> remotes(std::size_t from, std::size_t to) const;
+  // Where each entry's stream starts.
+  std::vector<uint64_t> starts() const;
+  // How many archives, from the first, were verified.
+  std::size_t verified() const { return verified_; }
   // The archives verified so far, in order.
   std::vector<std::string> verifiedRemotes() const;
   // Those whose confirmation was not handed to the command whole.
@@ -130,6 +143,7 @@ class ArchiveBatch : public InputFeed,
   std::string fault_;
   std::size_t failedIndex_ = 0;
   std::exception_ptr thrown_;
+  bool abandoned_ = false;
   // Last: its thread must end before what it closes for goes.
   FileCloser closer_;
 };

@@ -11,7 +11,7 @@ namespace {
 // input ends, or until the sender is gone and no input came for a second:
 // a sender that died must not leave the command open for ever.
 const char kProgram[] =
-    "$SIG{PIPE}=\"IGNORE\";binmode STDOUT;"
+    "$SIG{PIPE}=\"IGNORE\";binmode STDOUT;my @o=split /,/,shift;"
     "defined(my $p=fork) or die \"fork: $!\\n\";"
     "if(!$p){close STDOUT;my($q,$l)=(getppid,\"\");"
     "for(;;){my $r=\"\";vec($r,fileno STDIN,1)=1;"
@@ -23,8 +23,10 @@ const char kProgram[] =
     "sub w{my $o=0;while($o<length $_[0]){"
     "my $n=syswrite STDOUT,$_[0],length($_[0])-$o,$o;exit 1 if !$n;$o+=$n}}"
     "sub e{w(pack(\"N\",2**31+length $_[0]).$_[0])}"
-    "for my $f(@ARGV){my($h,$b,$n);"
+    "for my $i(0..$#ARGV){my($f,$s,$h,$b,$n)=($ARGV[$i],$o[$i]||0);"
     "if(!open $h,\"<\",$f){e(\"cannot open $f: $!\");next}binmode $h;"
+    "if($s&&(-s $h)<$s){e(\"$f holds fewer than $s bytes\");next}"
+    "if($s&&!sysseek $h,$s,0){e(\"cannot seek $f: $!\");next}"
     "while($n=sysread $h,$b,262144){w(pack(\"N\",$n));w($b)}"
     "defined $n?w(pack(\"N\",0)):e(\"cannot read $f: $!\");close $h}"
     "close STDOUT;wait;exit 0";

@@ -1,8 +1,10 @@
 // The stream in which one remote command sends several archives back to
 // back, and its decoder.
 //
-// The sender is a small Perl program (perl runs wherever the agent runs):
-// it reads the archives named by its arguments, in order, and frames each
+// The sender is a small Perl program (perl runs wherever the agent runs).
+// Its first argument lists, comma-separated, where each archive is to
+// start (a missing or empty entry: at 0); the archives follow. It reads
+// them in order, each from its start, and frames each
 // one on its standard output as a sequence of records, each a 4-byte
 // big-endian header H and what H announces:
 //   0 < H < 2^31   H bytes of the archive's data follow;
@@ -13,7 +15,7 @@
 // the archive holds and however it differs from the list.
 //
 // Meanwhile a second process of the program reads lines from its standard
-// input, each the decimal index (from 0) of an archive in its arguments,
+// input, each the decimal index (from 0) of an archive,
 // and removes that archive at once; a removal that fails is reported on
 // standard error as "unlink INDEX: REASON". It ends at the end of its input,
 // even after the sender has stopped, so that every confirmation that

@@ -34,9 +34,13 @@ void FileRetrievalProgressUpdater::update(std::size_t bytes) {
   (*this)(static_cast<long>(bytes));
 }
 
-void FileRetrievalProgressUpdater::startFile(std::optional<uint64_t> size) {
+void FileRetrievalProgressUpdater::startFile(std::optional<uint64_t> size,
+                                             uint64_t kept) {
   currentFileSized_ = size.has_value();
-  currentFileSizeLeft_ = static_cast<int64_t>(size.value_or(0));
+  currentFileSizeLeft_ = static_cast<int64_t>(size.value_or(0) - kept);
+  if (kept == 0) return;
+  sizeLeft_ -= static_cast<int64_t>(kept);
+  setFigures();
 }
 
 void FileRetrievalProgressUpdater::operator()(long n) {
@@ -47,6 +51,10 @@ void FileRetrievalProgressUpdater::operator()(long n) {
   speed_ = now == startTime_
                ? 0
                : transferred_ / static_cast<int64_t>(now - startTime_);
+  setFigures();
+}
+
+void FileRetrievalProgressUpdater::setFigures() {
   status_.setTransferSpeed(std::to_string(speed_));
   status_.setTransferSizeLeft(std::to_string(sizeLeft_));
   if (currentFileSized_) {

@@ -57,9 +57,11 @@ class FileRetrievalProgressUpdater : public Ssh::Counter {
   // Saves what is held back, if anything. Throws as changed().
   void flush();
 
-  // Before each file of the list: its listed size, if any, is what is left
-  // of it. A file of no listed size has no figures of its own.
-  void startFile(std::optional<uint64_t> size);
+  // Before each file of the list: its listed size, if any, less the `kept`
+  // bytes already here from an earlier fetch, is what is left of it; the
+  // kept bytes leave the size left, not the speed. A file of no listed
+  // size has no figures of its own.
+  void startFile(std::optional<uint64_t> size, uint64_t kept = 0);
   // After each file, fetched or skipped; returns the files left.
   int fileDone();
 
@@ -88,6 +90,8 @@ class FileRetrievalProgressUpdater : public Ssh::Counter {
   int64_t speed_ = 0;
 
   void save(int64_t nowMs);
+  // Puts the figures in the document and saves it as changed() does.
+  void setFigures();
   // Hands the figures to the watcher, if any.
   void report() const;
 };

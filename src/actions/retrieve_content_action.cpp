@@ -188,24 +188,43 @@ void RetrieveContentAction::transfer(const std::vector<DumpFile>& files,
                                      const AccountIds& owner) {
   updater_ = std::make_unique<FileRetrievalProgressUpdater>(
       *status_, progress(), total, static_cast<int>(files.size()));
+  partials_ = std::make_unique<PartialStore>(destination);
+  partials_->prune(files);
   std::vector<const DumpFile*> wanted = skipPresent(files, destination, owner);
   for (std::size_t i = 0; i < wanted.size();) {
     if (!wanted[i]->size) {
       fetchFile(*wanted[i++], destination);
       continue;
     }
-    std::vector<ArchiveBatch::Entry> entries;
-    for (std::size_t bytes = 0; i < wanted.size() && wanted[i]->size &&
-                                bytes < kMaxBatchPathBytes;
-         ++i) {
-      std::string remote = agentCommands().path(wanted[i]->name);
-      bytes += sh_quote(remote).size() + 1;
-      entries.push_back({wanted[i], destination + "/" + wanted[i]->name,
-                         std::move(remote)});
-    }
-    fetchBatch(std::move(entries));
+    i -= fetchBatch(nextBatch(wanted, &i, destination));
   }
   updater_->flush();
+}
+
+// The consecutive archives of listed size from *next on whose command line
+// fits kMaxCommandBytes, at least one; *next is moved past them. A path
+// costs its doubly quoted length (the line is quoted again as a word of
+// sh -c) and a quoted blank; a start, at most 20 digits and a comma.
+std::vector<ArchiveBatch::Entry> RetrieveContentAction::nextBatch(
+    const std::vector<const DumpFile*>& wanted, std::size_t* next,
+    const std::string& destination) {
+  std::size_t length =
+      agentCommands()
+          .inAgentDir(AgentCommands::asRoot(
+              AgentCommands::streamArchives({}, {})))
+          .size();
+  std::vector<ArchiveBatch::Entry> entries;
+  for (std::size_t& i = *next; i < wanted.size() && wanted[i]->size; ++i) {
+    const DumpFile& f = *wanted[i];
+    std::string remote = agentCommands().path(f.name);
+    length += sh_quote(sh_quote(remote)).size() + 2 +
+              (*f.size >= PartialStore::kMinBytes ? 21 : 2);
+    if (!entries.empty() && length > kMaxCommandBytes) break;
+    std::string local = destination + "/" + f.name;
+    uint64_t start = partials_->restore(f, local);
+    entries.push_back({&f, std::move(local), std::move(remote), start});
+  }
+  return entries;
 }
 
 // The skip test reads local files only: a skipped archive costs no round
@@ -221,17 +240,30 @@ std::vector<const DumpFile*> RetrieveContentAction::skipPresent(
       continue;
     }
     logger().debug("Skipping " + f.name + ": the local copy is complete");
+    partials_->discard(f);
     status_->setTransferFilesLeft(std::to_string(updater_->fileDone()));
   }
   updater_->changed();
   return wanted;
 }
 
-void RetrieveContentAction::archiveStarts(const DumpFile& f) {
-  updater_->startFile(f.size);
+void RetrieveContentAction::archiveStarts(const DumpFile& f, uint64_t kept) {
   status_->setCurrentFile(f.name,
                           f.size ? std::to_string(*f.size) : std::string());
+  updater_->startFile(f.size, kept);
   updater_->changed();
+}
+
+// A copy that failed its sum is worth nothing; one not begun is there
+// only when it was kept from an earlier fetch.
+void RetrieveContentAction::unverified(const ArchiveBatch::Entry& entry,
+                                       bool begun) {
+  if (!begun && entry.start == 0) return;
+  if (wrongSum_.count(entry.file) != 0) {
+    discardLocalCopy(entry.local);
+  } else {
+    partials_->keep(*entry.file, entry.local);
+  }
 }
 
 void RetrieveContentAction::archiveDone(const DumpFile&) {
@@ -241,7 +273,7 @@ void RetrieveContentAction::archiveDone(const DumpFile&) {
 
 void RetrieveContentAction::fetchFile(const DumpFile& f,
                                       const std::string& destination) {
-  archiveStarts(f);
+  archiveStarts(f, 0);
   std::string local = destination + "/" + f.name;
   std::string remote = agentCommands().path(f.name);
   logger().debug("Fetching " + remote + " to " + local);
@@ -262,11 +294,14 @@ void RetrieveContentAction::fetchFile(const DumpFile& f,
   archiveDone(f);
 }
 
-void RetrieveContentAction::fetchBatch(
+// Returns how many of the entries are to be fetched again: those from a
+// resumed archive whose sum came out wrong, which is then fetched from its
+// start.
+std::size_t RetrieveContentAction::fetchBatch(
     std::vector<ArchiveBatch::Entry> entries) {
   ArchiveBatch batch(std::move(entries), *updater_, *this);
-  const std::string command =
-      AgentCommands::streamArchives(batch.remotes(0, batch.entries().size()));
+  const std::string command = AgentCommands::streamArchives(
+      batch.remotes(0, batch.entries().size()), batch.starts());
   CappedOutput err;
   int status = -1;
   try {
@@ -293,8 +328,12 @@ void RetrieveContentAction::fetchBatch(
   if (!again.empty()) {
     removeRemoteFiles(again, AgentCommands::removeFiles(again));
   }
-  if (batch.fault().empty()) return;
+  if (batch.fault().empty()) return 0;
   const ArchiveBatch::Entry& failed = batch.failed();
+  if (failed.start > 0 && wrongSum_.erase(failed.file) != 0) {
+    logger().debug("Fetching " + failed.remote + " again from its start");
+    return batch.entries().size() - batch.verified();
+  }
   TOVEL_THROW(CantRetrieveContentFile) % failed.remote % cfg().host %
       failed.local % batch.fault();
 }
@@ -312,6 +351,7 @@ std::string RetrieveContentAction::verify(const DumpFile& f,
            std::to_string(*f.size) + " are listed";
   }
   if (!f.md5sum.empty() && !sameSum(f.md5sum, receipt.md5sum)) {
+    wrongSum_.insert(&f);
     recordWrongMd5Sum(f, receipt.md5sum);
     return "received data has MD5 sum " + receipt.md5sum + ", but " + f.md5sum +
            " is listed";

@@ -7,12 +7,14 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "actions/action.h"
 #include "actions/archive_batch.h"
 #include "actions/file_retrieval_progress_updater.h"
+#include "actions/partial_store.h"
 #include "actions/retrieval_errors.h"
 #include "commons/accounts.h"
 #include "errors/exc.h"
@@ -29,11 +31,10 @@ TOVEL_DECLARE_TAG(WrongMd5Sum)
 
 class RetrieveContentAction : public Action, private ArchiveBatch::Listener {
  public:
-  // The archive paths of one remote command, quoted, stay below this many
-  // bytes (plus one path): the command line is one argument of the remote
-  // shell, which the system limits to 128 KiB, and nested quoting through
-  // sh -c and sudo may double it.
-  static constexpr std::size_t kMaxBatchPathBytes = 32 * 1024;
+  // The command line of one batch, as sent, stays within this many bytes:
+  // libssh2 sends it in one packet, and refuses one of 35 000 bytes or
+  // more ("Unable to send channel request").
+  static constexpr std::size_t kMaxCommandBytes = 32 * 1024;
 
   explicit RetrieveContentAction(const RunContext& run) : Action(run, true) {}
 
@@ -44,8 +45,7 @@ class RetrieveContentAction : public Action, private ArchiveBatch::Listener {
   // removes it on the source host (a failed removal is only logged), then
   // writes the session's "dump-name" and "migration-result-name".
   // Consecutive archives of listed size come back to back in one remote
-  // command each (ArchiveBatch), about kMaxBatchPathBytes of their paths
-  // at a time; each is removed on the source once verified, while the
+  // command each (ArchiveBatch), as many as fit in kMaxCommandBytes; each is removed on the source once verified, while the
   // next ones arrive. An archive of no listed size is fetched on its own.
   // An archive is removed on the source host only once its local copy was
   // written and closed without error, "cat" succeeded, and the copy has the
@@ -53,7 +53,17 @@ class RetrieveContentAction : public Action, private ArchiveBatch::Listener {
   // regard to case); an archive of no listed size is fetched whole, one of
   // a listed size is cut off there. Otherwise the local copy is removed,
   // the source copy kept, a wrong sum recorded as WrongMd5Sum in the run
-  // record, and the step fails with CantRetrieveContentFile. Every error of
+  // record, and the step fails with CantRetrieveContentFile.
+  //
+  // A copy of an archive of listed size that stopped early (the
+  // connection lost, a cancel, a failed write, bytes missing) goes to the
+  // PartialStore, unless its sum was found wrong; the next run resumes it
+  // from where it ends, within a batch, and sums the whole file. A resumed
+  // copy with a wrong sum is removed and the archive fetched once more
+  // from its start in the same run. Kept copies of archives no longer
+  // listed as they were, and of archives skipped, are removed first.
+  //
+  // Every error of
   // the family is
   // wrapped in CantRetrieveDump, except the connection failures that have
   // exit codes of their own (SshConnectionFault and those of connecting
@@ -79,12 +89,16 @@ class RetrieveContentAction : public Action, private ArchiveBatch::Listener {
   void checkSpace(const std::string& destination, int64_t total);
   void transfer(const std::vector<DumpFile>& files, int64_t total,
                 const std::string& destination, const AccountIds& owner);
+  std::vector<ArchiveBatch::Entry> nextBatch(
+      const std::vector<const DumpFile*>& wanted, std::size_t* next,
+      const std::string& destination);
   std::vector<const DumpFile*> skipPresent(const std::vector<DumpFile>& files,
                                            const std::string& destination,
                                            const AccountIds& owner);
   void fetchFile(const DumpFile& f, const std::string& destination);
-  void fetchBatch(std::vector<ArchiveBatch::Entry> entries);
-  void archiveStarts(const DumpFile& f) override;
+  std::size_t fetchBatch(std::vector<ArchiveBatch::Entry> entries);
+  void archiveStarts(const DumpFile& f, uint64_t kept) override;
+  void unverified(const ArchiveBatch::Entry& entry, bool begun) override;
   std::string verify(const DumpFile& f, const Ssh::Receipt& receipt,
                      const std::string& catError) override;
   void archiveDone(const DumpFile& f) override;
@@ -96,6 +110,9 @@ class RetrieveContentAction : public Action, private ArchiveBatch::Listener {
   std::string destinationDir() const;
 
   std::unique_ptr<FileRetrievalProgressUpdater> updater_;
+  std::unique_ptr<PartialStore> partials_;
+  // Archives whose copy was found to have a wrong sum: never kept.
+  std::set<const DumpFile*> wrongSum_;
 };
 
 }  // namespace tovel

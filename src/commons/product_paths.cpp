@@ -19,6 +19,8 @@ std::string getScoutFileName() { return getQvtDir() + "/scout.pl"; }
 
 std::string getTmpDir() { return getQvtDir() + "/tmp"; }
 
+std::string getPartialsDir() { return getQvtDir() + "/partial"; }
+
 std::string getLibxmlProxyFileName() {
   return getProductDir() + "/admin/sbin/libxml-proxy";
 }

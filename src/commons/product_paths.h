@@ -23,6 +23,9 @@ std::string getKnownHostsFileName();
 std::string getScoutFileName();
 // Q/tmp: where temporary files go by default.
 std::string getTmpDir();
+// Q/partial: the copies of archives whose fetch stopped early, kept for
+// the next fetch to resume.
+std::string getPartialsDir();
 // P/admin/sbin/libxml-proxy: the schema validation helper.
 std::string getLibxmlProxyFileName();
 // "dumping-status.xml", relative: the agent writes it in its own directory.

@@ -8,8 +8,9 @@
 
 namespace tovel {
 
-ReceivingFile::ReceivingFile(const std::string& path, uint64_t maxBytes)
-    : std::ostream(&buffer_), buffer_(path, maxBytes) {
+ReceivingFile::ReceivingFile(const std::string& path, uint64_t maxBytes,
+                             uint64_t resumeAt)
+    : std::ostream(&buffer_), buffer_(path, maxBytes, resumeAt) {
   if (!buffer_.error().empty()) setstate(std::ios::badbit);
 }
 
@@ -24,7 +25,8 @@ namespace {
 
 // Readable too where possible, so that the file can be summed by reading
 // it back; a file we may only write is still taken.
-int openForWriting(const std::string& path) {
+int openForWriting(const std::string& path, bool resume) {
+  if (resume) return ::open(path.c_str(), O_RDWR | O_CLOEXEC);
   const int flags = O_CREAT | O_TRUNC | O_CLOEXEC;
   int fd = ::open(path.c_str(), O_RDWR | flags, 0666);
   if (fd < 0 && errno == EACCES) fd = ::open(path.c_str(), O_WRONLY | flags);
@@ -33,13 +35,30 @@ int openForWriting(const std::string& path) {
 
 }  // namespace
 
-ReceivingFile::Buffer::Buffer(const std::string& path, uint64_t maxBytes)
-    : path_(path), fd_(openForWriting(path)), maxBytes_(maxBytes) {
+ReceivingFile::Buffer::Buffer(const std::string& path, uint64_t maxBytes,
+                              uint64_t resumeAt)
+    : path_(path), fd_(openForWriting(path, resumeAt > 0)), maxBytes_(maxBytes) {
   if (fd_ < 0) {
-    fail("cannot create", errno);
+    fail(resumeAt > 0 ? "cannot open" : "cannot create", errno);
     return;
   }
   startSum();
+  if (resumeAt > 0) resume(resumeAt);
+}
+
+// The kept bytes count as written: the follower sums them first, from the
+// file, while the rest arrives.
+void ReceivingFile::Buffer::resume(uint64_t at) {
+  struct stat st;
+  if (fstat(fd_, &st) != 0 || static_cast<uint64_t>(st.st_size) != at ||
+      at > maxBytes_ || !follower_ ||
+      lseek(fd_, 0, SEEK_END) != static_cast<off_t>(at)) {
+    error_ = "cannot resume " + path_ + " after " + std::to_string(at) +
+             " bytes";
+    return;
+  }
+  bytes_ = at;
+  follower_->written(bytes_);
 }
 
 // A regular file we can read back is summed by a follower; anything else

@@ -24,8 +24,13 @@ class ReceivingFile : public std::ostream {
   // cannot be created leaves the stream bad and error() set; nothing is
   // thrown. A write that would take the file beyond maxBytes fails as a
   // write error does ("received more than N bytes").
+  //
+  // With resumeAt > 0, path must be a regular file of exactly that many
+  // bytes, readable and writable: writes go on after them, and bytes() and
+  // md5sum() include them (they are read back to be summed).
   explicit ReceivingFile(const std::string& path,
-                         uint64_t maxBytes = UINT64_MAX);
+                         uint64_t maxBytes = UINT64_MAX,
+                         uint64_t resumeAt = 0);
   // Closes the file if close() was not called; errors are then lost.
   ~ReceivingFile() override;
   ReceivingFile(const ReceivingFile&) = delete;
@@ -49,7 +54,7 @@ class ReceivingFile : public std::ostream {
   // descriptor.
   class Buffer : public UnbufferedOutput {
    public:
-    Buffer(const std::string& path, uint64_t maxBytes);
+    Buffer(const std::string& path, uint64_t maxBytes, uint64_t resumeAt);
     ~Buffer() override;
     bool close();
     uint64_t bytes() const { return bytes_; }
@@ -61,6 +66,7 @@ class ReceivingFile : public std::ostream {
 
    private:
     void startSum();
+    void resume(uint64_t at);
     void finishSum();
     void fail(const char* what, int err);
 

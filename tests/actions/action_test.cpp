@@ -441,9 +441,10 @@ TEST(AgentCommandsTest, TheAgentDirectoryIsOneWordInEveryLine) {
         {words + AgentCommands::giveTo("u", c.dumpingStatusFile()),
          "[chown][u][" + dir + "/dumping-status.xml]"},
         {words + AgentCommands::removeFile(c.path("f")), "[rm][" + dir + "/f]"},
-        {words + AgentCommands::streamArchives({c.path("a,b"), c.path("{c}")}),
-         "[perl][-e][" + archiveStreamProgram() + "][--][" + dir + "/a,b][" +
-             dir + "/{c}]"},
+        {words + AgentCommands::streamArchives({c.path("a,b"), c.path("{c}")},
+                                               {0, 7}),
+         "[perl][-e][" + archiveStreamProgram() + "][--][0,7][" + dir +
+             "/a,b][" + dir + "/{c}]"},
     };
     // bash, as many a login shell, also expands "{x,y}" words.
     for (const char* shell : {"sh", "bash"})

@@ -306,7 +306,7 @@ TEST_F(ContentFaultsTest, ManyArchivesSurviveACutUnderALimitOfTwoSessions) {
   const size_t kCount = 300, kStall = 150;
   std::vector<std::string> bytes;
   for (size_t i = 0; i < kCount; ++i)
-    // Long names: about 128 archives fill the paths of one command.
+    // Long names: about 100 archives fill one command.
     bytes.push_back(addArchive(std::string(230, 's') + std::to_string(1000 + i) +
                                    ".tgz",
                                2000 + i, i != kStall));
