@@ -386,6 +386,152 @@ TEST_F(ContentFaultsTest, SenderDyingMidBatchFailsTheStep) {
   EXPECT_TRUE(fileExists(remote("last.tgz")));
 }
 
+// What the source's sshd sent on the connections that ended since its log
+// was `logBefore` long: it logs each when the connection closes.
+uint64_t sentSince(size_t logBefore, int connections = 1) {
+  static const std::regex sent("Transferred: sent ([0-9]+)");
+  uint64_t total = 0;
+  waitFor(
+      [&] {
+        std::string log = SshdServer::shared().logText().substr(logBefore);
+        total = 0;
+        int found = 0;
+        for (std::sregex_iterator it(log.begin(), log.end(), sent), end;
+             it != end; ++it, ++found)
+          total += std::stoull((*it)[1]);
+        return found >= connections;
+      },
+      5000);
+  return total;
+}
+
+// The large archive is a FIFO: the run receives what the test writes, 60%
+// of it, and is cut there (the connection killed, or ferrow sent SIGTERM).
+// The rerun reads the whole archive from the source but receives only
+// what the kept copy lacks.
+class ResumeTest : public ContentFaultsTest {
+ protected:
+  static constexpr size_t kSize = 16 << 20, kCut = kSize * 6 / 10;
+
+  std::string cutRun(const std::function<void()>& cut) {
+    unlink(local("big.tgz").c_str());  // the previous case's
+    std::string bytes = addArchive("big.tgz", kSize, false);
+    writeList();
+    EXPECT_EQ(0, mkfifo(remote("big.tgz").c_str(), 0644));
+    std::thread run([&] { last_ = getContent(); });
+    int fifo = -1;
+    bool reached =
+        waitFor([&] {
+          fifo = open(remote("big.tgz").c_str(), O_WRONLY | O_NONBLOCK);
+          return fifo >= 0;
+        }) &&
+        fcntl(fifo, F_SETFL, 0) == 0 &&
+        write(fifo, bytes.data(), kCut) == static_cast<ssize_t>(kCut) &&
+        waitFor([&] { return sizeOf(local("big.tgz")) >= kCut; });
+    if (reached) cut();
+    run.join();
+    if (fifo >= 0) close(fifo);
+    EXPECT_TRUE(reached);
+    EXPECT_FALSE(fileExists(local("big.tgz")));
+    unlink(remote("big.tgz").c_str());
+    writeFile(remote("big.tgz"), bytes);
+    return bytes;
+  }
+  // The kept copies: NAME.part beside NAME.list.
+  std::vector<std::string> kept() const {
+    std::vector<std::string> found;
+    boost::filesystem::path store(install_.productRoot() + "/QVT/partial");
+    if (!boost::filesystem::exists(store)) return found;
+    for (boost::filesystem::recursive_directory_iterator it(store), end;
+         it != end; ++it)
+      if (boost::filesystem::is_regular_file(it->path()))
+        found.push_back(it->path().string());
+    return found;
+  }
+  std::string keptPart() const {
+    for (const std::string& path : kept())
+      if (path.size() > 5 && path.compare(path.size() - 5, 5, ".part") == 0)
+        return path;
+    return "";
+  }
+  // Reruns; returns the bytes the source sent.
+  uint64_t rerun() {
+    size_t logBefore = SshdServer::shared().logText().size();
+    expectFetched(getContent());
+    EXPECT_THAT(kept(), IsEmpty());
+    return sentSince(logBefore);
+  }
+
+  RunResult last_;
+};
+
+TEST_F(ResumeTest, ACutFetchResumesWhereItStopped) {
+  const struct {
+    const char* name;
+    std::function<void()> cut;
+    int exitCode;
+  } cuts[] = {
+      {"lost connection", [] { SshdServer::shared().killConnections(); }, 18},
+      {"SIGTERM", [this] { kill(findFerrow(session()), SIGTERM); }, 0},
+  };
+  for (const auto& c : cuts) {
+    SCOPED_TRACE(c.name);
+    listed_.clear();
+    cutRun(c.cut);
+    EXPECT_EQ(last_.exitCode, c.exitCode) << last_.err;
+    EXPECT_EQ(sizeOf(keptPart()), kCut);
+    // Measured: 6 719 568 bytes sent for the 6 710 887 missing.
+    uint64_t sent = rerun();
+    EXPECT_LT(sent, kSize - kCut + (1 << 20));
+    EXPECT_GT(sent, kSize - kCut);
+  }
+}
+
+// A kept copy that cannot be trusted is dropped and the archive fetched
+// whole: bytes altered (found only by the sum, then fetched again in the
+// same run), a list that changed the archive's sum or size, a copy longer
+// than listed.
+TEST_F(ResumeTest, AnUntrustedKeptCopyGivesAWholeFetch) {
+  auto relist = [this](size_t size, unsigned seed) {
+    listed_.clear();
+    std::string other = archiveBytes(size, seed);
+    writeFile(remote("big.tgz"), other);
+    listed_.push_back({"big.tgz", size, tovel::countMd5Sum(other)});
+    writeList();
+  };
+  const struct {
+    const char* name;
+    std::function<void(const std::string&)> spoil;
+    uint64_t minSent;
+  } cases[] = {
+      {"altered",
+       [](const std::string& part) {
+         int fd = open(part.c_str(), O_WRONLY);
+         EXPECT_EQ(1, pwrite(fd, "\x01", 1, 4096));
+         close(fd);
+       },
+       kSize + (kSize - kCut)},
+      {"other sum", [&](const std::string&) { relist(kSize, 7); }, kSize},
+      {"other size", [&](const std::string&) { relist(kSize + 1, 7); }, kSize},
+      {"longer than listed",
+       [](const std::string& part) {
+         EXPECT_EQ(0, truncate(part.c_str(), kSize + 1));
+       },
+       kSize},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    listed_.clear();
+    cutRun([] { SshdServer::shared().killConnections(); });
+    std::string part = keptPart();
+    ASSERT_EQ(sizeOf(part), kCut);
+    c.spoil(part);
+    EXPECT_GT(rerun(), c.minSent);
+    EXPECT_EQ(record().find("Restarting download.") != std::string::npos,
+              std::string(c.name) == "altered");
+  }
+}
+
 // Each list after a sound first entry (one name check, one number parser,
 // one XML parser): a clear error, nothing fetched or written anywhere.
 TEST_F(ContentFaultsTest, HostileListsAreRefusedBeforeAnyFetch) {
