@@ -415,6 +415,7 @@ class ResumeTest : public ContentFaultsTest {
 
   std::string cutRun(const std::function<void()>& cut) {
     unlink(local("big.tgz").c_str());  // the previous case's
+    unlink(remote("big.tgz").c_str());
     std::string bytes = addArchive("big.tgz", kSize, false);
     writeList();
     EXPECT_EQ(0, mkfifo(remote("big.tgz").c_str(), 0644));
@@ -490,13 +491,13 @@ TEST_F(ResumeTest, ACutFetchResumesWhereItStopped) {
 // A kept copy that cannot be trusted is dropped and the archive fetched
 // whole: bytes altered (found only by the sum, then fetched again in the
 // same run), a list that changed the archive's sum or size, a copy longer
-// than listed.
+// than listed; one of an archive no longer listed is dropped too.
 TEST_F(ResumeTest, AnUntrustedKeptCopyGivesAWholeFetch) {
-  auto relist = [this](size_t size, unsigned seed) {
+  auto relist = [this](const std::string& name, size_t size) {
     listed_.clear();
-    std::string other = archiveBytes(size, seed);
-    writeFile(remote("big.tgz"), other);
-    listed_.push_back({"big.tgz", size, tovel::countMd5Sum(other)});
+    std::string other = archiveBytes(size, 7);
+    writeFile(remote(name), other);
+    listed_.push_back({name, size, tovel::countMd5Sum(other)});
     writeList();
   };
   const struct {
@@ -511,8 +512,12 @@ TEST_F(ResumeTest, AnUntrustedKeptCopyGivesAWholeFetch) {
          close(fd);
        },
        kSize + (kSize - kCut)},
-      {"other sum", [&](const std::string&) { relist(kSize, 7); }, kSize},
-      {"other size", [&](const std::string&) { relist(kSize + 1, 7); }, kSize},
+      {"other sum", [&](const std::string&) { relist("big.tgz", kSize); },
+       kSize},
+      {"other size",
+       [&](const std::string&) { relist("big.tgz", kSize + 1); }, kSize},
+      {"no longer listed",
+       [&](const std::string&) { relist("other.tgz", kSize); }, kSize},
       {"longer than listed",
        [](const std::string& part) {
          EXPECT_EQ(0, truncate(part.c_str(), kSize + 1));
