@@ -188,6 +188,8 @@ void RetrieveContentAction::transfer(const std::vector<DumpFile>& files,
                                      const AccountIds& owner) {
   updater_ = std::make_unique<FileRetrievalProgressUpdater>(
       *status_, progress(), total, static_cast<int>(files.size()));
+  // The store is named after the destination's real path: it must exist.
+  make_content_dir(destination, owner, 0755);
   partials_ = std::make_unique<PartialStore>(destination);
   partials_->prune(files);
   std::vector<const DumpFile*> wanted = skipPresent(files, destination, owner);

@@ -36,6 +36,11 @@ void FileFollower::written(uint64_t end) {
   wake_.notify_one();
 }
 
+void FileFollower::existing(uint64_t end) {
+  if (!started_) existing_ = end;
+  written(end);
+}
+
 void FileFollower::startThread() {
   started_ = true;
   buffer_.resize(kReadSize);
@@ -74,9 +79,12 @@ void FileFollower::stopThread() {
   thread_.join();
 }
 
-// Idle priority: on a machine with few cores, taking a core from the
-// writer, or from whatever feeds it, costs more than the sum saves.
+// Idle priority, once the bytes that were there before are summed: on a
+// machine with few cores, taking a core from the writer, or from whatever
+// feeds it, costs more than the sum saves.
 void FileFollower::run() {
+  if (existing_ > 0 && !sumUpTo(existing_, true)) return;
+  flushed_ = existing_;  // the final flush covers what is left of them
   sched_param idle{};
   pthread_setschedparam(pthread_self(), SCHED_IDLE, &idle);
   uint64_t end = 0;

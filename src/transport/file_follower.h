@@ -38,6 +38,12 @@ class FileFollower {
   // be started, finish() sums everything.
   void written(uint64_t end);
 
+  // Before any write: the file already holds `end` bytes (a copy being
+  // completed). The thread sums them first, at normal priority: they are
+  // known work that the final sum waits for, and the transfer leaves a
+  // core partly idle meanwhile.
+  void existing(uint64_t end);
+
   // Stops the thread, sums on the caller's thread what it had not, and
   // returns the sum of everything reported; empty, with *error set, when
   // the file could not be read back in full. Later calls return the same.
@@ -57,6 +63,8 @@ class FileFollower {
   // Written by the writer, read by the thread.
   std::atomic<uint64_t> reported_{0};
   std::atomic<bool> stop_{false};
+  // Set before the thread starts.
+  uint64_t existing_ = 0;
   // The writer's own.
   bool started_ = false;
   bool finished_ = false;

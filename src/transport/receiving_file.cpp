@@ -58,7 +58,7 @@ void ReceivingFile::Buffer::resume(uint64_t at) {
     return;
   }
   bytes_ = at;
-  follower_->written(bytes_);
+  follower_->existing(bytes_);
 }
 
 // A regular file we can read back is summed by a follower; anything else
