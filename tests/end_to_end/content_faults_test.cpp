@@ -106,6 +106,19 @@ class ContentFaultsTest : public ::testing::Test {
     return run(more, {}, options);
   }
 
+  // Once ferrow opens the FIFO `name`, writes the first n bytes into it
+  // and waits until they reach the local copy; *fifo stays open.
+  bool feedFifo(const std::string& name, const std::string& bytes, size_t n,
+                int* fifo) {
+    return waitFor([&] {
+             *fifo = open(remote(name).c_str(), O_WRONLY | O_NONBLOCK);
+             return *fifo >= 0;
+           }) &&
+           fcntl(*fifo, F_SETFL, 0) == 0 &&
+           write(*fifo, bytes.data(), n) == static_cast<ssize_t>(n) &&
+           waitFor([&] { return sizeOf(local(name)) >= n; });
+  }
+
   std::string session() const { return install_.sessionPath(); }
   std::string local(const std::string& name) const {
     return session() + "/" + name;
@@ -220,14 +233,7 @@ TEST_F(ContentFaultsTest, ServerKilledMidFetchEndsWith18AndRerunCompletes) {
   RunResult r;
   std::thread run([&]() { r = getContent(); });
   int fifo = -1;
-  bool midFetch =
-      waitFor([&] {
-        fifo = open(remote("killed.tgz").c_str(), O_WRONLY | O_NONBLOCK);
-        return fifo >= 0;
-      }) &&
-      fcntl(fifo, F_SETFL, 0) == 0 &&
-      write(fifo, killed.data(), 1 << 20) == (1 << 20) &&
-      waitFor([&] { return sizeOf(local("killed.tgz")) >= (1 << 20); });
+  bool midFetch = feedFifo("killed.tgz", killed, 1 << 20, &fifo);
   Clock::time_point stalled = Clock::now();
   const std::string left = "size-left=\"" + std::to_string(9 << 20) + "\"";
   EXPECT_TRUE(midFetch &&
@@ -421,14 +427,7 @@ class ResumeTest : public ContentFaultsTest {
     EXPECT_EQ(0, mkfifo(remote("big.tgz").c_str(), 0644));
     std::thread run([&] { last_ = getContent(); });
     int fifo = -1;
-    bool reached =
-        waitFor([&] {
-          fifo = open(remote("big.tgz").c_str(), O_WRONLY | O_NONBLOCK);
-          return fifo >= 0;
-        }) &&
-        fcntl(fifo, F_SETFL, 0) == 0 &&
-        write(fifo, bytes.data(), kCut) == static_cast<ssize_t>(kCut) &&
-        waitFor([&] { return sizeOf(local("big.tgz")) >= kCut; });
+    bool reached = feedFifo("big.tgz", bytes, kCut, &fifo);
     if (reached) cut();
     run.join();
     if (fifo >= 0) close(fifo);
