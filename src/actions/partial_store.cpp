@@ -13,7 +13,6 @@
 
 #include "commons/checksum.h"
 #include "commons/make_dir.h"
-#include "commons/product_paths.h"
 
 namespace tovel {
 
@@ -63,9 +62,9 @@ void removeFile(const std::string& path, const char* what) {
 
 }  // namespace
 
-PartialStore::PartialStore(const std::string& destination)
-    : dir_(files::getPartialsDir() + "/" +
-           countMd5Sum(canonical(destination))) {}
+PartialStore::PartialStore(const std::string& root,
+                           const std::string& destination)
+    : dir_(root + "/" + countMd5Sum(canonical(destination))) {}
 
 std::string PartialStore::key(const std::string& name) const {
   return dir_ + "/" + countMd5Sum(name);

@@ -2,8 +2,8 @@
 // that the next fetch resumes where they end instead of starting again.
 //
 // A kept copy lives outside the destination and the session directory
-// (either may hold an archive of any relative name), in a directory of the
-// product's own for each destination, under the MD5 of the archive's name:
+// (either may hold an archive of any relative name), in a directory of its
+// own for each destination under the store's root, under the MD5 of the archive's name:
 // KEY.part holds the bytes, KEY.list the listing they belong to (the
 // listed size, the listed sum and the name, one per line). So a kept copy
 // can neither pass for an archive nor meet a listed name. The listing is
@@ -29,9 +29,9 @@ class PartialStore {
   // seconds at worst on a slow link, and no state to keep.
   static constexpr uint64_t kMinBytes = 4u << 20;
 
-  // The store of the archives fetched to `destination`, an existing
-  // directory.
-  explicit PartialStore(const std::string& destination);
+  // The store, under `root`, of the archives fetched to `destination`, an
+  // existing directory. root is made (0700) when a copy is first kept.
+  PartialStore(const std::string& root, const std::string& destination);
 
   // Removes every kept copy that belongs to no archive of `files` (same
   // name, size and sum), is empty or longer than listed, or lacks its

@@ -17,6 +17,7 @@
 #include "commons/checksum.h"
 #include "commons/free_space.h"
 #include "commons/make_dir.h"
+#include "commons/product_paths.h"
 #include "commons/session_files.h"
 #include "commons/sh_quote.h"
 #include "commons/unbuffered_output.h"
@@ -190,7 +191,8 @@ void RetrieveContentAction::transfer(const std::vector<DumpFile>& files,
       *status_, progress(), total, static_cast<int>(files.size()));
   // The store is named after the destination's real path: it must exist.
   make_content_dir(destination, owner, 0755);
-  partials_ = std::make_unique<PartialStore>(destination);
+  partials_ =
+      std::make_unique<PartialStore>(files::getPartialsDir(), destination);
   partials_->prune(files);
   std::vector<const DumpFile*> wanted = skipPresent(files, destination, owner);
   for (std::size_t i = 0; i < wanted.size();) {
