@@ -43,6 +43,11 @@ void FileRetrievalProgressUpdater::startFile(std::optional<uint64_t> size,
   setFigures();
 }
 
+void FileRetrievalProgressUpdater::refetch(uint64_t bytes) {
+  sizeLeft_ += static_cast<int64_t>(bytes);
+  setFigures();
+}
+
 void FileRetrievalProgressUpdater::operator()(long n) {
   sizeLeft_ -= n;
   currentFileSizeLeft_ -= n;

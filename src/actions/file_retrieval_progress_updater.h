@@ -62,6 +62,9 @@ class FileRetrievalProgressUpdater : public Ssh::Counter {
   // kept bytes leave the size left, not the speed. A file of no listed
   // size has no figures of its own.
   void startFile(std::optional<uint64_t> size, uint64_t kept = 0);
+  // A file whose `bytes` were counted is to be fetched again from its
+  // start: they are left again (the speed keeps them: they did arrive).
+  void refetch(uint64_t bytes);
   // After each file, fetched or skipped; returns the files left.
   int fileDone();
 

@@ -336,6 +336,7 @@ std::size_t RetrieveContentAction::fetchBatch(
   const ArchiveBatch::Entry& failed = batch.failed();
   if (failed.start > 0 && wrongSum_.erase(failed.file) != 0) {
     logger().debug("Fetching " + failed.remote + " again from its start");
+    updater_->refetch(*failed.file->size);
     return batch.entries().size() - batch.verified();
   }
   TOVEL_THROW(CantRetrieveContentFile) % failed.remote % cfg().host %

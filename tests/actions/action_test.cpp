@@ -409,11 +409,14 @@ TEST(FileRetrievalProgressUpdaterTest, FiguresFollowEveryChunkSavesAreSpaced) {
   updater.startFile(std::nullopt);  // no size, no figures of its own
   nowMs += 100;
   updater(50);
+  updater.refetch(1000);  // all of it again: left again, not in the speed
   EXPECT_EQ(updater.transferred(), 4850);
-  EXPECT_EQ(updater.sizeLeft(), 4850);
+  EXPECT_EQ(updater.sizeLeft(), 5850);
   EXPECT_THAT(status.saved, ElementsAre("0 9000 3000", "0 8500 2500",
                                         "1333 6000 0", "1333 5700 700",
                                         "1200 4900 -100", "1212 4850 -100"));
+  updater.flush();
+  EXPECT_EQ(status.saved.back(), "1212 5850 -100");
 }
 
 // Each line as a shell runs it: the directory stays one word, whatever
