@@ -88,10 +88,12 @@ void PartialStore::prune(const std::vector<DumpFile>& files) {
     std::string base = entry.substr(0, entry.find('.'));
     auto f = listed.find(base);
     bool sound = false;
-    if (f != listed.end() && (entry == base + ".part" || entry == base + ".list")) {
-      int64_t length = lengthOf(key(f->second->name) + ".part");
+    const std::string pair = dir_ + "/" + base;  // the entry's key
+    if (f != listed.end() &&
+        (entry == base + ".part" || entry == base + ".list")) {
+      int64_t length = lengthOf(pair + ".part");
       sound = length > 0 && static_cast<uint64_t>(length) <= *f->second->size &&
-              readsAs(key(f->second->name) + ".list", listingOf(*f->second));
+              readsAs(pair + ".list", listingOf(*f->second));
     }
     if (!sound) stale.push_back(dir_ + "/" + entry);
   }
